@@ -1,0 +1,126 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kwqimage/Export.h"
+#include "kwqimage/Geometry.h"
+
+namespace kwq {
+
+/// Byte layouts a bitmap can have; every layout has 8 bits per component.
+enum class PixelLayout : uint8_t {
+  Gray8,                ///< one luminance byte; device gray, bitmap info 0
+  RGB24,                ///< R, G, B; device RGB, bitmap info 0
+  RGBA32,               ///< R, G, B, A with straight alpha; device RGB, bitmap info 3
+  BGRA32Premultiplied,  ///< B, G, R, A, colour premultiplied by A; device RGB, bitmap info 8194
+};
+
+/// Bitmap-info values of the layouts above, as the platform numbers them.
+inline constexpr uint32_t kBitmapInfoNone = 0;
+inline constexpr uint32_t kBitmapInfoAlphaLast = 3;
+inline constexpr uint32_t kBitmapInfoBGRAPremultiplied = 8194;  // 0x2002
+
+/// Colour-space model of a bitmap's colour space.
+enum class ColorSpaceModel : int32_t { Unknown = -1, Monochrome = 0, RGB = 1 };
+
+/// Image orientation, numbered as the platform numbers it.
+enum class ImageOrientation : int64_t {
+  Up = 0,
+  Down = 1,
+  Left = 2,
+  Right = 3,
+  UpMirrored = 4,
+  DownMirrored = 5,
+  LeftMirrored = 6,
+  RightMirrored = 7,
+};
+
+/// Bytes one pixel of `layout` takes (1, 3 or 4).
+KWQ_EXPORT size_t bytesPerPixel(PixelLayout layout);
+/// Bitmap info of `layout` (0, 3 or 8194).
+KWQ_EXPORT uint32_t bitmapInfo(PixelLayout layout);
+
+/// An immutable image: a bitmap (or none) with a scale and an orientation.
+///
+/// Copies are cheap and share the bitmap; nothing can change an image after it is made, so
+/// images may be used from any thread. Three kinds exist:
+///  - the null image (default-constructed), what failed operations return;
+///  - an image without a backing bitmap, which has a point size but no pixels;
+///  - a bitmap image, whose bytes are `bytesPerRow() * height()` bytes, rows top to bottom.
+class KWQ_EXPORT Image {
+ public:
+  /// The null image.
+  Image() = default;
+
+  /// Copies `height * bytesPerRow` bytes from `bytes`. Returns the null image for a null
+  /// pointer, a zero size, a `bytesPerRow` shorter than one row, or sizes whose product does
+  /// not fit in memory.
+  static Image copyFromBytes(PixelLayout layout, size_t width, size_t height, size_t bytesPerRow,
+                             const uint8_t* bytes);
+  /// Takes ownership of `bytes`, which must hold exactly `height * bytesPerRow` bytes;
+  /// otherwise returns the null image.
+  static Image fromBuffer(PixelLayout layout, size_t width, size_t height, size_t bytesPerRow,
+                          std::vector<uint8_t> bytes);
+  /// A solid image: every pixel holds `pixel`, which has `bytesPerPixel(layout)` bytes.
+  static Image filled(PixelLayout layout, size_t width, size_t height, const uint8_t* pixel);
+  /// An image that has a point size but no backing bitmap.
+  static Image withoutBitmap(Size pointSize);
+
+  /// Decodes PNG, JPEG or any other format the platform codec reads. Gray files give Gray8,
+  /// colour files RGB24, files with alpha RGBA32 (straight alpha). Null on undecodable data.
+  static Image decode(const uint8_t* data, size_t length);
+  /// Reads and decodes a file; null when it cannot be read or decoded.
+  static Image loadFile(const std::string& path);
+
+  bool isNull() const { return !d_; }
+  explicit operator bool() const { return d_ != nullptr; }
+  bool hasBitmap() const;
+
+  /// Pixel width and height of the bitmap; 0 without one.
+  size_t width() const;
+  size_t height() const;
+  /// Size in points: pixels divided by the scale, width and height swapped for the left and
+  /// right orientations (mirrored or not). An image without a bitmap has the size it was made with.
+  Size size() const;
+  double scale() const;
+  ImageOrientation orientation() const;
+
+  size_t bitsPerComponent() const;
+  size_t bitsPerPixel() const;
+  size_t bytesPerRow() const;
+  uint32_t bitmapInfo() const;
+  /// The layout of the bitmap; Gray8 when there is none (check hasBitmap()).
+  PixelLayout layout() const;
+  ColorSpaceModel colorSpaceModel() const;
+
+  /// The bitmap's bytes, `bytesPerRow() * height()` of them; empty without a bitmap.
+  std::span<const uint8_t> bytes() const;
+  /// A copy of the bitmap's bytes (the data provider's copy).
+  std::vector<uint8_t> copyData() const;
+
+  /// The same bitmap with another scale and orientation.
+  Image withScale(double scale, ImageOrientation orientation) const;
+  /// The bitmap converted to `layout` (alpha is premultiplied or divided out as the layouts
+  /// require; colour to gray uses the ITU-R BT.601 weights). Null without a bitmap.
+  Image converted(PixelLayout layout) const;
+  /// True when both images are backed by the very same bitmap.
+  bool sharesBitmapWith(const Image& other) const;
+
+  /// A short description, as the log lines print it: "<KWQImage 0x... {w, h}>" or "(null)".
+  std::string description() const;
+
+  struct Data;  ///< shared, immutable state; defined by the platform layer
+
+ private:
+  explicit Image(std::shared_ptr<const Data> d) : d_(std::move(d)) {}
+  std::shared_ptr<const Data> d_;
+  friend struct ImageAccess;
+};
+
+}  // namespace kwq
