@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs the built library into a scratch prefix, then builds and runs a consumer against it
+# twice: through find_package(KWQImage) and through pkg-config kwqimage.
+#   check_install.sh BUILD_DIR SOURCE_DIR WORK_DIR
+set -euo pipefail
+build=$1 source=$2 work=$3
+rm -rf "$work"
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+libdir=$(find "$work/prefix" -name 'libKWQImage.so.1' -printf '%h\n' | head -n1)
+
+cmake -S "$source/consumer" -B "$work/cmake-build" -G Ninja \
+  -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --build "$work/cmake-build" >/dev/null
+LD_LIBRARY_PATH="$libdir" "$work/cmake-build/consumer"
+
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+c++ -std=c++20 "$source/consumer/main.cc" -o "$work/pc-consumer" \
+  $(pkg-config --cflags --libs kwqimage)
+LD_LIBRARY_PATH="$libdir" "$work/pc-consumer"
+echo "install check passed"

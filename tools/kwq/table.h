@@ -1,0 +1,22 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace kwq::tool {
+
+/// A plain-text table: a header row, then rows; columns sized to their widest cell.
+/// Numeric-looking cells are right-aligned, text is left-aligned.
+class Table {
+ public:
+  explicit Table(std::vector<std::string> header) : header_(std::move(header)) {}
+  void addRow(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
+  void print(std::ostream& out) const;
+
+ private:
+  std::vector<std::string> header_;
+  std::vector<std::vector<std::string>> rows_;
+};
+
+}  // namespace kwq::tool
