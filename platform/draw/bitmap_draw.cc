@@ -53,13 +53,12 @@ Image drawIntoGray(const Image& source, size_t width, size_t height, Size drawSi
       cv::resize(gray, dst, dst.size(), 0, 0, shrinking ? cv::INTER_AREA : cv::INTER_LINEAR);
     } else {
       // The bitmap's top edge sits at drawSize.height above the bottom of the context, i.e. at
-      // row (h - drawSize.height) counted from the top.
+      // row (h - drawSize.height) counted from the top. The draw rectangle is never smaller
+      // than the context, so edge pixels extend to the border rather than leaving it black.
       const double fx = drawSize.width / sw, fy = drawSize.height / sh;
       const double ty = h - drawSize.height;
       const cv::Matx23d toDestination(fx, 0, 0.5 * fx - 0.5, 0, fy, ty + 0.5 * fy - 0.5);
-      dst.setTo(0);
-      cv::warpAffine(gray, dst, toDestination, dst.size(), cv::INTER_LINEAR,
-                     cv::BORDER_TRANSPARENT);
+      cv::warpAffine(gray, dst, toDestination, dst.size(), cv::INTER_LINEAR, cv::BORDER_REPLICATE);
     }
   } catch (const cv::Exception&) {
     return {};
