@@ -7,3 +7,10 @@
 #include "kwqimage/KWQImagingHelper.h"
 #include "kwqimage/Log.h"
 #include "kwqimage/kwq_quality.h"
+
+// Conversion, geometry and the PNG store.
+#include "kwqimage/Color.h"
+#include "kwqimage/DeviceOrientation.h"
+#include "kwqimage/KWQImageDictionary.h"
+#include "kwqimage/KWQImagingHelperClass.h"
+#include "kwqimage/SampleBuffer.h"

@@ -76,3 +76,78 @@ KWQ_EXPORT Image makeGrayScale(const Image& image);
 KWQ_EXPORT Image makeGrayScaleAndScale(const Image& image, int32_t factor);
 
 }  // namespace kwq
+
+// =============================================================================================
+// Geometry
+// =============================================================================================
+//
+// Resizing, cropping, rotation and scaling. Every function returns a new image (scale 1,
+// orientation up) and leaves its argument unchanged; each may run on any thread.
+//
+// Two drawing models are used, as the platform's image and bitmap contexts have them:
+//  - Drawing functions (resizeToSize, the three imageByScaling... functions,
+//    imageRotatedByDegrees/Radians) draw into a fresh premultiplied-BGRA canvas, transparent
+//    where nothing is drawn, y axis down. The image is drawn with its orientation applied,
+//    resampled bilinearly; imageRotatedByDegrees draws the bitmap as stored. A canvas size is
+//    rounded up to whole pixels (values within 1e-6 of an integer count as that integer); a
+//    size that rounds to no pixel, is not finite or exceeds 32767 pixels gives no canvas.
+//  - Bitmap functions (the crops, rotatedByAngle, imageAtRect) work on the bitmap as stored, in
+//    its own pixel layout (a gray image stays gray), ignoring scale and orientation.
+//
+// Conversions of floating-point values to unsigned integers saturate: NaN and negative values
+// give 0, values beyond the range give the largest value.
+//
+// The null image in gives the null image out, silently. An image without a bitmap makes the
+// crops and rotatedByAngle log "<method> [Line <n>] *** error: image must be backed by a
+// CGImage: <description>" and return the null image; the drawing functions draw nothing for it.
+//
+// Both crops are named after their first keyword: they differ in arity, so overloads stay
+// unambiguous.
+
+namespace kwq {
+
+/// The image drawn into a canvas of exactly `size` (at (0, 0, size)).
+KWQ_EXPORT Image resizeToSize(const Image& image, Size size);
+
+/// A crop in bitmap pixels. With `paddingPercent` > 0 the rectangle first grows about its centre
+/// by that percentage (single precision) and its origin is held at 1 or more. Then the origin is
+/// truncated and held away from row and column 0; a size that reaches the far edge becomes the
+/// image's size less one, and the crop is cut at the image's edge. Null when nothing is left.
+KWQ_EXPORT Image cropImageAtCoordinates(const Image& image, const Rect& rect, float paddingPercent);
+
+/// A crop given in the coordinates of a view of `viewSize` showing the whole bitmap. The
+/// padding is ignored. The crop keeps the rectangle's scaled centre and size; when its origin
+/// would be negative the unsigned arithmetic wraps and the result is null.
+KWQ_EXPORT Image cropImageAtCoordinates(const Image& image, const Rect& rect, float paddingPercent,
+                                        Size viewSize);
+
+/// The bitmap rotated by `degrees` counter-clockwise as seen, on a canvas of the rotated
+/// bounding box rounded half up, in the image's own layout; corners outside the picture are
+/// zero (transparent or black). Redraws also at 0 degrees. Null when the canvas would exceed
+/// 32767 pixels on a side (or memory) or the angle is not finite.
+KWQ_EXPORT Image rotatedByAngle(const Image& image, double degrees);
+
+/// The part of the bitmap inside `rect` (made integral and cut at the edges); null when
+/// nothing is left.
+KWQ_EXPORT Image imageAtRect(const Image& image, const Rect& rect);
+
+/// The image scaled, aspect kept, to cover `targetSize` and centred; the overflow is cut.
+/// Logs "could not scale image" and returns null when no canvas can be made.
+KWQ_EXPORT Image imageByScalingProportionallyToMinimumSize(const Image& image, Size targetSize);
+
+/// The image scaled, aspect kept, to fit inside `targetSize` and centred; the margin stays
+/// transparent. Logs "could not scale image" and returns null when no canvas can be made.
+KWQ_EXPORT Image imageByScalingProportionallyToSize(const Image& image, Size targetSize);
+
+/// The image stretched to `targetSize`. Logs "could not scale image" and returns null when
+/// no canvas can be made.
+KWQ_EXPORT Image imageByScalingToSize(const Image& image, Size targetSize);
+
+/// imageRotatedByDegrees(image, RadiansToDegrees(radians)).
+KWQ_EXPORT Image imageRotatedByRadians(const Image& image, double radians);
+
+/// The bitmap rotated by `degrees` clockwise as seen (the opposite sense of rotatedByAngle),
+/// centred on a canvas of the rotated bounding box of the point size.
+KWQ_EXPORT Image imageRotatedByDegrees(const Image& image, double degrees);
+
+}  // namespace kwq
