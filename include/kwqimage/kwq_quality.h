@@ -38,9 +38,10 @@ KWQ_EXPORT int32_t TwoPiFocusAssess(const uint8_t* raster);
 
 /** Mean squared difference between each sampled pixel and the pixel `distance` to its right
  *  (in row-packed order) over `width` x `height` pixels of `bytesPerPixel` bytes, less a border
- *  of `edgePercent` percent, every `step`-th row and column. Samples whose pixel or partner lies
- *  outside the width x height buffer are skipped; a step below 1, a null buffer or no sample
- *  gives 0.0. Thread: any. */
+ *  of `edgePercent` percent, every `step`-th row and column. Samples outside the image (a
+ *  negative edgePercent reaches them) and samples whose partner lies outside the width x height
+ *  buffer are skipped; a step or bytesPerPixel below 1, a null buffer, sizes no buffer can have
+ *  (over 2^56 bytes) or no sample gives 0.0. Thread: any. */
 KWQ_EXPORT float CalculateFocusQuality(const uint8_t* data, uint32_t width, uint32_t height,
                                        int32_t bytesPerPixel, int32_t distance, int32_t step,
                                        int32_t edgePercent);
