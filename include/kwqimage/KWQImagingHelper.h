@@ -151,3 +151,5 @@ KWQ_EXPORT Image imageRotatedByRadians(const Image& image, double radians);
 KWQ_EXPORT Image imageRotatedByDegrees(const Image& image, double degrees);
 
 }  // namespace kwq
+
+#include "kwqimage/KWQImagingHelperFaces.h"
