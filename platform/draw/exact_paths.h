@@ -1,8 +1,8 @@
 #pragma once
 
-// Switch for the exact shortcuts of the drawing code (plain copies, resizes and right-angle
-// turns that give the same pixels as the general path). On by default; tests turn them off to
-// compare both paths.
+// Switch for the shortcuts of the drawing code: right-angle turns and plain copies that give
+// the same bytes as the general path, and resizes that take the same samples with OpenCV's
+// finer rounding. On by default; tests turn them off to compare both paths.
 
 namespace kwq::platform {
 
