@@ -1,0 +1,194 @@
+// Speed of the quality measures against what a user would otherwise reach for in OpenCV, on
+// the same input in the same run, single-threaded. Prints Google Benchmark's report and then
+// one table of medians: measure | ours ms | peer ms | ratio | target.
+//
+//   cmake -S . -B build-quality -G Ninja && ninja -C build-quality quality_bench &&
+//   ./build-quality/bench/quality_bench
+//
+// Usual Google Benchmark flags (--benchmark_filter=..., --benchmark_min_time=...) apply.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <opencv2/core.hpp>
+#include <opencv2/core/utility.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <string>
+
+#include "kwqimage/KWQImagingHelper.h"
+#include "kwqimage/kwq_quality.h"
+
+namespace {
+
+// One photograph at the sizes the measures see: a 1920 x 1080 BGRA camera-like frame, its gray
+// version, and a 640 x 480 gray assessment raster. Noise stands in if the photo is missing.
+struct Inputs {
+  cv::Mat bgra, gray, raster;
+  kwq::Image bgraImage, grayImage;
+
+  Inputs() {
+    cv::Mat photo = cv::imread(std::string(KWQ_SAMPLE_DATA_DIR) + "/building.jpg");
+    if (photo.empty()) {
+      photo.create(1080, 1920, CV_8UC3);
+      cv::randu(photo, 0, 256);
+    }
+    cv::Mat frame;
+    cv::resize(photo, frame, cv::Size(1920, 1080), 0, 0, cv::INTER_LINEAR);
+    cv::cvtColor(frame, bgra, cv::COLOR_BGR2BGRA);
+    cv::cvtColor(frame, gray, cv::COLOR_BGR2GRAY);
+    cv::resize(gray, raster, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
+    bgraImage = kwq::Image::copyFromBytes(kwq::PixelLayout::BGRA32Premultiplied, 1920, 1080,
+                                          bgra.step[0], bgra.data);
+    grayImage =
+        kwq::Image::copyFromBytes(kwq::PixelLayout::Gray8, 1920, 1080, gray.step[0], gray.data);
+  }
+};
+
+const Inputs& inputs() {
+  static const Inputs in;
+  return in;
+}
+
+// The peer's common tail: Laplacian variance, the usual OpenCV sharpness measure.
+double laplacianVariance(const cv::Mat& gray, cv::Mat& laplacian) {
+  cv::Laplacian(gray, laplacian, CV_16S);
+  cv::Scalar mean, stddev;
+  cv::meanStdDev(laplacian, mean, stddev);
+  return stddev[0] * stddev[0];
+}
+
+void oursTwoPi(benchmark::State& state) {
+  const uint8_t* raster = inputs().raster.data;
+  for (auto _ : state) benchmark::DoNotOptimize(TwoPiFocusAssess(raster));
+}
+
+void peerTwoPi(benchmark::State& state) {
+  cv::Mat laplacian;
+  for (auto _ : state) benchmark::DoNotOptimize(laplacianVariance(inputs().raster, laplacian));
+}
+
+void oursFocus(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(kwq::calculateFocus(inputs().bgraImage));
+}
+
+void peerFocus(benchmark::State& state) {
+  cv::Mat gray, half, laplacian;
+  for (auto _ : state) {
+    cv::cvtColor(inputs().bgra, gray, cv::COLOR_BGRA2GRAY);
+    cv::resize(gray, half, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
+    benchmark::DoNotOptimize(laplacianVariance(half, laplacian));
+  }
+}
+
+void oursHalve(benchmark::State& state) {
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(kwq::makeGrayScaleAndScale(inputs().bgraImage, 2));
+  }
+}
+
+void peerHalve(benchmark::State& state) {
+  cv::Mat gray, half;
+  for (auto _ : state) {
+    cv::cvtColor(inputs().bgra, gray, cv::COLOR_BGRA2GRAY);
+    cv::resize(gray, half, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
+    benchmark::DoNotOptimize(half.data);
+  }
+}
+
+void oursFocusScore(benchmark::State& state) {
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(kwq::calculateFocusScore(inputs().bgraImage, 1, 1, 10));
+  }
+}
+
+void oursBrightness(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(kwq::calculateBrightness(inputs().grayImage));
+}
+
+struct Row {
+  const char* measure;
+  const char* ours;
+  const char* peer;  // nullptr: reported without a peer
+  const char* target;
+};
+
+const Row kRows[] = {
+    {"TwoPiFocusAssess 640x480 vs Laplacian+meanStdDev", "ours/two_pi", "peer/two_pi", "<= 0.5"},
+    {"calculateFocus 1920x1080 BGRA vs gray+half+Laplacian+meanStdDev", "ours/calculate_focus",
+     "peer/calculate_focus", "<= 1.0"},
+    {"makeGrayScaleAndScale(2) 1920x1080 BGRA vs cvtColor+resize", "ours/gray_halve",
+     "peer/gray_halve", "<= 1.0"},
+    {"calculateFocusScore(1,1,10) 1920x1080 BGRA", "ours/focus_score", nullptr, "-"},
+    {"calculateBrightness 1920x1080 gray", "ours/brightness", nullptr, "-"},
+};
+
+// Keeps the median of each benchmark's repetitions, in milliseconds, for the closing table.
+class TableReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.aggregate_name == "median") {
+        const double seconds =
+            run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
+        medians_[run.run_name.function_name] = seconds * 1e3;
+      }
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+
+  void printTable() const {
+    std::printf("\nmeasure | ours ms | peer ms | ratio | target\n");
+    for (const Row& row : kRows) {
+      const double ours = lookup(row.ours);
+      if (ours < 0) continue;
+      const double peer = row.peer ? lookup(row.peer) : -1;
+      if (peer > 0) {
+        std::printf("%s | %.4f | %.4f | %.3f | %s\n", row.measure, ours, peer, ours / peer,
+                    row.target);
+      } else {
+        std::printf("%s | %.4f | - | - | %s\n", row.measure, ours, row.target);
+      }
+    }
+  }
+
+ private:
+  double lookup(const char* name) const {
+    const auto it = medians_.find(name);
+    return it == medians_.end() ? -1 : it->second;
+  }
+  std::map<std::string, double> medians_;
+};
+
+void registerAll() {
+  const struct {
+    const char* name;
+    void (*fn)(benchmark::State&);
+  } cases[] = {{"ours/two_pi", oursTwoPi},           {"peer/two_pi", peerTwoPi},
+               {"ours/calculate_focus", oursFocus},  {"peer/calculate_focus", peerFocus},
+               {"ours/gray_halve", oursHalve},       {"peer/gray_halve", peerHalve},
+               {"ours/focus_score", oursFocusScore}, {"ours/brightness", oursBrightness}};
+  for (const auto& c : cases) {
+    benchmark::RegisterBenchmark(c.name, c.fn)
+        ->Unit(benchmark::kMillisecond)
+        ->Repetitions(5)
+        ->ReportAggregatesOnly(true);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  cv::setNumThreads(1);  // both sides single-threaded
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  registerAll();
+  inputs();  // decode and convert before timing
+  TableReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.printTable();
+  benchmark::Shutdown();
+  return 0;
+}
