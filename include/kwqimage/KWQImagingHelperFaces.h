@@ -49,8 +49,8 @@ KWQ_EXPORT KWQFaceFeatures getKWQFaceFeaturesWithAccuracy(const Image& image, in
 /// outlines of line width 3.0 on top, in this order: red, blue and green squares of side 30
 /// centred on the left eye, right eye and mouth, and a yellow `faceBox`. All coordinates are
 /// the image's points, origin top left. An image without a bitmap gives a transparent canvas
-/// with the outlines; the null image, or a size that gives no canvas (below one pixel, not
-/// finite, above 32767), gives the null image.
+/// with the outlines; the null image, or a size that gives no canvas (not positive, not
+/// finite, or above 32767 once rounded up to whole pixels), gives the null image.
 KWQ_EXPORT Image drawFacialLocationsLeftEye(const Image& image, Point leftEye, Point rightEye,
                                             Point mouth, const Rect& faceBox);
 
