@@ -160,9 +160,9 @@ class SkinMap {
   SkinMap(const cv::Mat& colour, PixelLayout layout) : colour_(colour), layout_(layout) {}
 
   // True when at least 30% of the box's central half has a skin colour (the usual YCrCb
-  // bounds), and always for gray images, which carry no colour to judge.
+  // bounds). Never for gray images: without colour a face must show an eye.
   bool looksLikeSkin(const cv::Rect& box) {
-    if (layout_ == PixelLayout::Gray8) return true;
+    if (layout_ == PixelLayout::Gray8) return false;
     if (mask_.empty()) {
       cv::Mat rgb, ycrcb;
       if (layout_ == PixelLayout::RGB24)
@@ -243,6 +243,7 @@ class CascadeFaceDetector final : public FaceDetector {
     std::vector<Located> located;
     SkinMap skin(source, bitmap.layout);
     for (const Pass& pass : passes) {
+      const size_t earlier = located.size();
       for (const Candidate& c : candidates(pass, options, high, cascades)) {
         FaceFeature face;
         const Verdict verdict = describe(pass, c, options, cascades, face);
@@ -254,8 +255,9 @@ class CascadeFaceDetector final : public FaceDetector {
                            cvRound(centre.y - c.box.height / 2.0), c.box.width, c.box.height);
         if (verdict == Verdict::AcceptIfSkin && !skin.looksLikeSkin(box)) continue;
         // A rolled pass adds only faces the earlier passes did not find.
-        const bool known = std::any_of(located.begin(), located.end(),
-                                       [&](const Located& l) { return sameFace(l.box, box); });
+        const bool known =
+            std::any_of(located.begin(), located.begin() + static_cast<ptrdiff_t>(earlier),
+                        [&](const Located& l) { return sameFace(l.box, box); });
         if (!known) located.push_back({face, box});
       }
     }

@@ -75,7 +75,9 @@ class FaceDetector {
   virtual ~FaceDetector() = default;
 
   /// The faces in the image's bitmap (its orientation and scale are not applied), top row
-  /// first and left to right within a row. Empty for an image without a bitmap, for one too
+  /// first and left to right within a row. A candidate counts as a face when an eye is found
+  /// in it or, in colour images, when a second frontal cascade confirms it and its middle has
+  /// a skin colour. Empty for an image without a bitmap, for one too
   /// small to hold a face, and on any internal failure; never throws.
   virtual std::vector<FaceFeature> featuresInImage(const Image& image,
                                                    const FaceDetectionOptions& options) const = 0;
