@@ -1,33 +1,27 @@
 #include "kwq/sample_images.h"
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 
 namespace kwq::tool {
 namespace {
 
-// A 1280 x 720 BGRA test card: a printed-text-like pattern of fine bars and blocks on paper
-// white, lit a little unevenly. `soft` replaces every hard edge by a smooth ramp of about
-// eight pixels, the way an out-of-focus lens renders it.
-Image testCard(bool soft) {
-  constexpr size_t kWidth = 1280, kHeight = 720;
+constexpr size_t kWidth = 1280, kHeight = 720;
+
+// A 1280 x 720 BGRA test card: rows of glyph-sized blocks of fine strokes on light gray paper
+// (kept under the two-pi measure's bright-pixel cut-off of 200, like a well-exposed card),
+// lit a little unevenly.
+std::vector<uint8_t> testCard() {
   std::vector<uint8_t> bytes(kWidth * kHeight * 4);
-  auto edge = [soft](double distance) {  // 0 outside the ink, 1 inside
-    if (!soft) return distance >= 0 ? 1.0 : 0.0;
-    return 1.0 / (1.0 + std::exp(-distance / 2.0));
-  };
   for (size_t y = 0; y < kHeight; ++y) {
     for (size_t x = 0; x < kWidth; ++x) {
-      // "Lines of text": rows of glyph-sized bars with gaps.
-      const double line = std::fmod(static_cast<double>(y), 48.0) - 8.0;  // 0..28 ink band
-      const double glyph = std::fmod(static_cast<double>(x) * 1.0 + (y / 48) * 13.0, 22.0);
-      const double inBand = std::min(line, 28.0 - line);
-      const double inGlyph = std::min(glyph - 3.0, 15.0 - glyph);
-      const double stroke = std::fmod(static_cast<double>(x + y / 3), 6.0) < 3.0 ? 1.0 : -1.0;
-      const double ink = edge(std::min(inBand, inGlyph)) * (stroke > 0 ? 1.0 : 0.35);
-      const double light = 200.0 + 40.0 * static_cast<double>(x) / kWidth;
-      const double value = light * (1.0 - 0.8 * ink);
-      const auto v = static_cast<uint8_t>(std::clamp(value, 0.0, 255.0));
+      const size_t line = y % 48, glyph = (x + (y / 48) * 13) % 22;
+      const bool inGlyph = line >= 8 && line < 36 && glyph >= 3 && glyph < 18;
+      const bool heavyStroke = (x + y / 3) % 6 < 3;
+      const double ink = inGlyph ? (heavyStroke ? 1.0 : 0.35) : 0.0;
+      const double light = 150.0 + 40.0 * static_cast<double>(x) / kWidth;
+      const auto v = static_cast<uint8_t>(light * (1.0 - 0.8 * ink));
       uint8_t* p = &bytes[(y * kWidth + x) * 4];
       p[0] = static_cast<uint8_t>(v * 0.95);
       p[1] = v;
@@ -35,6 +29,30 @@ Image testCard(bool soft) {
       p[3] = 255;
     }
   }
+  return bytes;
+}
+
+// Box blur of the colour channels along one axis; three passes over both axes approximate the
+// Gaussian blur of an out-of-focus lens.
+void boxBlur(std::vector<uint8_t>& bytes, size_t radius, bool alongRows) {
+  const size_t count = alongRows ? kWidth : kHeight, lines = alongRows ? kHeight : kWidth;
+  const size_t step = alongRows ? 4 : kWidth * 4, lineStep = alongRows ? kWidth * 4 : 4;
+  std::vector<uint8_t> line(count);
+  for (size_t l = 0; l < lines; ++l) {
+    for (size_t c = 0; c < 3; ++c) {
+      uint8_t* base = &bytes[l * lineStep + c];
+      for (size_t i = 0; i < count; ++i) line[i] = base[i * step];
+      for (size_t i = 0; i < count; ++i) {
+        const size_t lo = i >= radius ? i - radius : 0, hi = std::min(count - 1, i + radius);
+        unsigned sum = 0;
+        for (size_t j = lo; j <= hi; ++j) sum += line[j];
+        base[i * step] = static_cast<uint8_t>(sum / (hi - lo + 1));
+      }
+    }
+  }
+}
+
+Image bgra(std::vector<uint8_t> bytes) {
   return Image::fromBuffer(PixelLayout::BGRA32Premultiplied, kWidth, kHeight, kWidth * 4,
                            std::move(bytes));
 }
@@ -42,8 +60,13 @@ Image testCard(bool soft) {
 }  // namespace
 
 std::vector<SampleImage> builtInSamples() {
-  std::vector<SampleImage> samples{{"test card (sharp)", testCard(false)},
-                                   {"test card (soft)", testCard(true)}};
+  std::vector<uint8_t> sharp = testCard(), soft = sharp;
+  for (int pass = 0; pass < 3; ++pass) {
+    boxBlur(soft, 3, true);
+    boxBlur(soft, 3, false);
+  }
+  std::vector<SampleImage> samples{{"test card (sharp)", bgra(std::move(sharp))},
+                                   {"test card (soft)", bgra(std::move(soft))}};
   const std::filesystem::path dir = KWQ_SAMPLE_DATA_DIR;
   for (const char* name : {"building.jpg", "text_defocus.jpg", "messi5.jpg"}) {
     Image image = Image::loadFile((dir / name).string());
