@@ -74,9 +74,7 @@ int64_t mulAdd(int64_t a, int64_t b, int64_t c) {
   return r;
 }
 
-}  // namespace
-
-int32_t calculateBrightness(const Image& image) {
+int32_t plainBrightness(const Image& image) {
   const Bitmap* bitmap = ImageAccess::bitmap(image);
   if (!bitmap) {
     logNoBitmap(kPlainName, kPlainLine, image);
@@ -92,7 +90,7 @@ int32_t calculateBrightness(const Image& image) {
   return meanOf(sum, borderCount(w, h, edgeX, edgeY, step));
 }
 
-int32_t calculateBrightness(const Image& image, int32_t bytesPerPixel, int32_t edgePercent) {
+int32_t edgeBrightness(const Image& image, int32_t bytesPerPixel, int32_t edgePercent) {
   const Bitmap* bitmap = ImageAccess::bitmap(image);
   if (!bitmap) {
     logNoBitmap(kEdgeName, kEdgeLine, image);
@@ -119,7 +117,7 @@ int32_t calculateBrightness(const Image& image, int32_t bytesPerPixel, int32_t e
   return meanOf(sum, borderCount(w, h, edgeX, edgeY, step));
 }
 
-int32_t calculateBrightness(const Image& image, const Rect& rect) {
+int32_t rectBrightness(const Image& image, const Rect& rect) {
   const Bitmap* bitmap = ImageAccess::bitmap(image);
   if (!bitmap) {
     logNoBitmap(kRectName, kRectLine, image);
@@ -149,6 +147,21 @@ int32_t calculateBrightness(const Image& image, const Rect& rect) {
   const uint64_t count = quality::truncToUint64(
       rect.size.height * rect.size.height / static_cast<double>(step) / static_cast<double>(step));
   return meanOf(sum, static_cast<float>(count));
+}
+
+}  // namespace
+
+int32_t calculateBrightness(const Image& image) {
+  return quality::orOnException(int32_t{0}, [&] { return plainBrightness(image); });
+}
+
+int32_t calculateBrightness(const Image& image, int32_t bytesPerPixel, int32_t edgePercent) {
+  return quality::orOnException(int32_t{0},
+                                [&] { return edgeBrightness(image, bytesPerPixel, edgePercent); });
+}
+
+int32_t calculateBrightness(const Image& image, const Rect& rect) {
+  return quality::orOnException(int32_t{0}, [&] { return rectBrightness(image, rect); });
 }
 
 }  // namespace kwq
