@@ -3,7 +3,6 @@
 #include <random>
 
 #include "kwqimage/KWQImagingHelper.h"
-#include "quality/grayscale.h"
 #include "reference.h"
 #include "support/test_support.h"
 
@@ -15,10 +14,6 @@ std::vector<uint8_t> packedBytes(const Image& gray) {
   EXPECT_EQ(gray.bytesPerRow(), gray.width());
   const auto b = gray.bytes();
   return {b.begin(), b.end()};
-}
-
-TEST(GrayScale, DivisionByTwentyAsMultiplyIsExactOverTheWholeRange) {
-  for (uint32_t x = 0; x <= 5100; ++x) ASSERT_EQ(quality::divideBy20(x), x / 20) << x;
 }
 
 TEST(GrayScale, ReductionMatchesDefinitionForEveryLayoutSizeFactorAndPath) {
@@ -66,27 +61,21 @@ TEST(GrayScale, WeightsFallOnBytesOneAndTwo) {
   EXPECT_EQ(halved.height(), 480u);
 }
 
-TEST(GrayScale, SmallFactorsAreThePlatformConversionAndGrayIsRecognised) {
+TEST(GrayScale, SmallFactorsAreThePlatformConversionAndEmptyResultsAreNull) {
   std::mt19937 rng(5);
   const Image image = randomImage(rng, PixelLayout::BGRA32Premultiplied, 31, 17);
   const Image full = makeGrayScale(image);
-  ASSERT_FALSE(full.isNull());
-  EXPECT_EQ(full.width(), 31u);
-  for (int factor : {1, 0, -3})
+  ASSERT_EQ(full.width(), 31u);
+  for (int factor : {1, 0, -3}) {
     EXPECT_EQ(packedBytes(makeGrayScaleAndScale(image, factor)), packedBytes(full));
+  }
   EXPECT_TRUE(isGrayScale(full));
   EXPECT_FALSE(isGrayScale(image));
   EXPECT_FALSE(isGrayScale(Image::withoutBitmap({10, 10})));
-}
-
-TEST(GrayScale, NoBitmapOrEmptyResultGivesNull) {
-  EXPECT_TRUE(makeGrayScale(Image()).isNull());
   EXPECT_TRUE(makeGrayScale(Image::withoutBitmap({-5, 1e300})).isNull());
   EXPECT_TRUE(makeGrayScaleAndScale(Image::withoutBitmap({64, 64}), 2).isNull());
-  std::mt19937 rng(1);
-  const Image tiny = randomImage(rng, PixelLayout::RGB24, 5, 5);
-  EXPECT_TRUE(makeGrayScaleAndScale(tiny, 6).isNull());
-  EXPECT_TRUE(makeGrayScaleAndScale(tiny, INT32_MAX).isNull());
+  EXPECT_TRUE(makeGrayScaleAndScale(image, 18).isNull());
+  EXPECT_TRUE(makeGrayScaleAndScale(image, INT32_MAX).isNull());
 }
 
 }  // namespace
