@@ -123,8 +123,8 @@ KWQ_EXPORT Image cropImageAtCoordinates(const Image& image, const Rect& rect, fl
 
 /// The bitmap rotated by `degrees` counter-clockwise as seen, on a canvas of the rotated
 /// bounding box rounded half up, in the image's own layout; corners outside the picture are
-/// zero (transparent or black). Redraws also at 0 degrees. Null when the canvas would exceed
-/// 32767 pixels on a side (or memory) or the angle is not finite.
+/// zero (transparent or black). Redraws also at 0 degrees. Null when the image or the canvas
+/// exceeds 32767 pixels on a side (or memory), or the angle is not finite.
 KWQ_EXPORT Image rotatedByAngle(const Image& image, double degrees);
 
 /// The part of the bitmap inside `rect` (made integral and cut at the edges); null when
