@@ -33,7 +33,7 @@ struct FocusSampler {
   int64_t step;
   int64_t x0, x1;  // sampled columns: x0, x0 + step, ... below x1, all inside the row
 
-  // Calls f(d x d) for the samples of row y whose partner lies inside the buffer.
+  // Calls f(d), d = pixel - partner, for the samples of row y whose partner is in the buffer.
   template <class F>
   void forRow(int64_t y, F&& f) const {
     const int64_t rowStart = y * width;
@@ -61,7 +61,7 @@ extern "C" float CalculateFocusQuality(const uint8_t* data, uint32_t width, uint
       bufferBytes > kMaxBufferBytes) {
     return 0.0f;
   }
-  // Border widths: a 32-bit product (wrapping as it always did) divided toward zero.
+  // Border widths: a signed 32-bit product (wrapping on overflow) divided toward zero.
   const int64_t edgeY =
       static_cast<int32_t>(static_cast<uint32_t>(edgePercent) * static_cast<uint32_t>(height)) /
       100;
