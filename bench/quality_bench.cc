@@ -9,6 +9,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -128,6 +129,9 @@ const Row kRows[] = {
 // Keeps the median of each benchmark's repetitions, in milliseconds, for the closing table.
 class TableReporter : public benchmark::ConsoleReporter {
  public:
+  // Colour only on a terminal, so a saved report is plain text.
+  TableReporter() : ConsoleReporter(isatty(fileno(stdout)) ? OO_ColorTabular : OO_Tabular) {}
+
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
       if (run.aggregate_name == "median") {
