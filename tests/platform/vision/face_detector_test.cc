@@ -100,11 +100,11 @@ TEST(FaceDetector, FindsNoFaceWhereThereIsNone) {
     EXPECT_TRUE(detect(image, FaceAccuracy::High).empty()) << name;
   }
   EXPECT_TRUE(detect(frame(0), FaceAccuracy::High).empty());  // a black frame
-  const uint8_t gray = 100;
+  const uint8_t gray[3] = {100, 100, 100};
   for (const Image& bad :
-       {Image(), Image::withoutBitmap({640, 480}), Image::filled(PixelLayout::Gray8, 19, 19, &gray),
-        Image::filled(PixelLayout::RGB24, 20, 5000, &gray),
-        Image::filled(PixelLayout::Gray8, 100000, 21, &gray)})
+       {Image(), Image::withoutBitmap({640, 480}), Image::filled(PixelLayout::Gray8, 19, 19, gray),
+        Image::filled(PixelLayout::RGB24, 20, 5000, gray),
+        Image::filled(PixelLayout::Gray8, 100000, 21, gray)})
     EXPECT_TRUE(detect(bad, FaceAccuracy::High, true).empty());
 }
 
