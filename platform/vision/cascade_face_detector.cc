@@ -138,7 +138,9 @@ cv::Mat reduced(const cv::Mat& gray, int longSide) {
   if (side <= longSide) return gray;
   const double f = static_cast<double>(longSide) / side;
   cv::Mat out;
-  cv::resize(gray, out, cv::Size(), f, f, cv::INTER_AREA);
+  cv::resize(gray, out,
+             cv::Size(std::max(1, cvRound(gray.cols * f)), std::max(1, cvRound(gray.rows * f))), 0,
+             0, cv::INTER_AREA);
   return out;
 }
 
@@ -225,7 +227,10 @@ class CascadeFaceDetector final : public FaceDetector {
     double toBitmap = 1.0;  // detail pixels to bitmap pixels
     if (side > kHighWorkSide) {
       toBitmap = static_cast<double>(side) / kHighWorkSide;
-      cv::resize(source, source, cv::Size(), 1.0 / toBitmap, 1.0 / toBitmap, cv::INTER_AREA);
+      const cv::Size size(std::max(1, cvRound(source.cols / toBitmap)),
+                          std::max(1, cvRound(source.rows / toBitmap)));
+      if (std::min(size.width, size.height) < kMinImageSide) return {};
+      cv::resize(source, source, size, 0, 0, cv::INTER_AREA);
     }
     convertLayout(source, bitmap.layout, gray, PixelLayout::Gray8);
 
