@@ -69,7 +69,7 @@ class KWQ_EXPORT PixelBuffer {
   /// Allocates zeroed memory for `pixelFormat` (BGRA, 420f or 420v) of width x height, rows
   /// padded to a multiple of `rowAlignment` bytes (a power of two). 420f/420v chroma planes are
   /// ceil(width / 2) x ceil(height / 2) pairs. Null for another format, a zero size, a bad
-  /// alignment, or sizes whose byte count overflows.
+  /// alignment, sizes whose byte count overflows or exceeds 16 GiB, or when memory runs out.
   static PixelBuffer allocate(uint32_t pixelFormat, size_t width, size_t height,
                               size_t rowAlignment = 64);
 

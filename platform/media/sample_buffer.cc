@@ -22,6 +22,10 @@ struct PixelBuffer::State {
 
 namespace {
 
+// A frame larger than this is a corrupt size, not a picture; refusing it keeps a bad request
+// from exhausting memory.
+constexpr size_t kMaxAllocation = size_t{1} << 34;
+
 bool mul(size_t a, size_t b, size_t* out) {
   return !__builtin_mul_overflow(a, b, out);
 }
@@ -70,6 +74,7 @@ PixelBuffer PixelBuffer::allocate(uint32_t pixelFormat, size_t width, size_t hei
       return {};
     total += bytes;
   }
+  if (total > kMaxAllocation) return {};
   uint8_t* memory = static_cast<uint8_t*>(std::calloc(total, 1));
   if (!memory) return {};
   size_t offset = 0;
