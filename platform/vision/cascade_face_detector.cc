@@ -320,7 +320,11 @@ class CascadeFaceDetector final : public FaceDetector {
       return cv::Rect(cvRound(r.x * f), cvRound(r.y * f), cvRound(r.width * f),
                       cvRound(r.height * f));
     };
-    for (const Found& f : detect(cascades.frontal, work, high ? 1.1 : 1.2, 3, {20, 20}))
+    // The thorough search starts at 24 pixels, the smallest face a plain OpenCV search with
+    // the default frontal cascade finds; the fast one at the cascade's own 20 on its smaller
+    // copy.
+    const int minFace = high ? 24 : 20;
+    for (const Found& f : detect(cascades.frontal, work, high ? 1.1 : 1.2, 3, {minFace, minFace}))
       out.push_back({toDetail(f.box, pass.workToDetail), f.support, 0.0});
 
     if (high || options.estimateAngles) {

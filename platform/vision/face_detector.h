@@ -16,8 +16,12 @@ namespace kwq::platform {
 
 /// How hard the detector looks.
 enum class FaceAccuracy : uint8_t {
-  Low,   ///< fast: frontal faces on a reduced copy (long side at most 400 pixels)
-  High,  ///< thorough: frontal and profile faces on a copy whose long side is at most 1280
+  /// Fast: frontal faces of at least 20 pixels on a copy reduced to a long side of at most
+  /// 400 (at 640 x 480: faces of 32 pixels and more).
+  Low,
+  /// Thorough: frontal faces of at least 24 pixels and profiles of at least 40, on a copy
+  /// whose long side is at most 1280.
+  High,
 };
 
 /// What to find besides the face bounds.
