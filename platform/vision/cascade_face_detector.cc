@@ -327,11 +327,11 @@ class CascadeFaceDetector final : public FaceDetector {
     for (const Found& f : detect(cascades.frontal, work, high ? 1.1 : 1.2, 3, {minFace, minFace}))
       out.push_back({toDetail(f.box, pass.workToDetail), f.support, 0.0});
 
-    if (high || options.estimateAngles) {
-      // Profiles on a half-size copy: turned heads smaller than 40 work pixels are left out,
-      // which keeps the thorough search within half again of a plain frontal search. The
-      // profile cascade finds heads turned towards the image's left edge; the mirrored copy
-      // finds the others.
+    if ((high || options.estimateAngles) && pass.roll == 0.0) {
+      // Profiles upright only, on a half-size copy: turned heads smaller than 40 work pixels
+      // are left out, which keeps the thorough search within half again of a plain frontal
+      // search. The profile cascade finds heads turned towards the image's left edge; the
+      // mirrored copy finds the others.
       cv::Mat half, mirrored;
       cv::resize(work, half, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
       cv::flip(half, mirrored, 1);
