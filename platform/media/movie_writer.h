@@ -1,0 +1,135 @@
+#pragma once
+
+// QuickTime movies from camera samples, written through GStreamer:
+//
+//   appsrc ! videoconvert ! capsfilter ! qtmux ! filesink
+//
+// Frames are stored as delivered, never through a lossy codec. QuickTime keeps raw video only as
+// 2vuy (8-bit 4:2:2, GStreamer's UYVY), RGB or v210, so the converter only repacks:
+//  - 420f and 420v (NV12) frames become UYVY: every luma sample as delivered, each chroma pair
+//    written on both rows it covers. Nothing captured is lost: reading the chroma of one of the
+//    two rows gives back the delivered frame exactly.
+//  - BGRA frames become RGB: colours as delivered, alpha dropped (camera frames are opaque).
+//
+// Time: the movie starts at the first frame accepted after the session start; every frame
+// keeps its distance from that first frame, in the first frame's timescale (clamped to at most
+// 1,000,000 units per second, so one frame may last up to 71 minutes in QuickTime's 32-bit sample
+// durations). The last frame lasts its sample's duration when it has one, else as long as the
+// step before it (a movie of one frame without a duration: 1/30 s).
+//
+// Crash safety: qtmux reserves room for the movie's index at the start of the file and
+// rewrites it every half second of movie time, so a process killed while recording leaves a
+// movie that plays up to within a second of the kill (the update period plus the few frames
+// queued in the writer). A recording longer than an hour outgrows the reserved room: the writer
+// then fails (status 3) and the file keeps what was indexed until then.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "kwqimage/SampleBuffer.h"
+
+namespace kwq::platform {
+
+/// Writer states, numbered as the platform numbers them.
+enum class MovieWriterStatus : int64_t { Unknown = 0, Writing = 1, Completed = 2, Failed = 3 };
+
+/// Container formats a MovieWriter can write.
+enum class MovieFileType { QuickTimeMovie };
+
+struct MovieWriterCore;
+
+/// The video input of a MovieWriter: takes camera samples in time order and queues them for
+/// the writer's streaming thread.
+///
+/// Created without output settings: samples are stored as delivered (see the file comment).
+/// Every method may be called from any thread; appends are meant to come from one thread.
+class MovieWriterInput {
+ public:
+  /// A video input that is not yet attached to a writer.
+  static std::shared_ptr<MovieWriterInput> videoInput();
+
+  /// Marks the input as fed in real time (a camera): the writer then keeps its queue short, a
+  /// few frames, so that a crash loses little. Otherwise the queue holds 16 frames. Takes
+  /// effect when the writer starts.
+  void setExpectsMediaDataInRealTime(bool realTime);
+  bool expectsMediaDataInRealTime() const;
+
+  /// False only while the writer is writing, the input is not finished and the queue is full;
+  /// true in every other state, so that a caller waiting for readiness never waits forever (an
+  /// append then reports what is wrong).
+  bool isReadyForMoreMediaData() const;
+
+  /// Copies the sample's pixels into the writer's queue. False, with the reason in the writer's
+  /// error(), when the input is not attached, the writer is not writing or has no session, the
+  /// input is finished, the sample is null, not ready or has no valid time stamp, its time is
+  /// before the session start or not after the previous frame's, its format is not 420f, 420v
+  /// or BGRA, its size is outside 16..16384 pixels per side or differs from the first frame's
+  /// (the first accepted frame fixes format and size), or far more was appended than
+  /// isReadyForMoreMediaData() allowed. A refused sample never changes the writer's status.
+  bool appendSampleBuffer(const SampleBuffer& sample);
+
+  /// No more samples will come: later appends are refused.
+  void markAsFinished();
+
+  struct State;
+
+ private:
+  explicit MovieWriterInput(std::shared_ptr<State> d) : d_(std::move(d)) {}
+  std::shared_ptr<State> d_;
+  friend class MovieWriter;
+};
+
+/// Writes one movie file from one video input.
+///
+/// States: Unknown after create(); Writing after a successful startWriting(); Failed when the
+/// file cannot be written, the pipeline reports an error or the index outgrows its reserved
+/// room; Completed when finishWriting() has written the final index. Every method may be called
+/// from any thread. Destroying a writer that is still writing stops the pipeline and leaves the
+/// file as its last index update describes it.
+class MovieWriter {
+ public:
+  /// A writer for the "file://" URL; null (with the reason in `error` when given) when the URL
+  /// is not a local file URL or GStreamer is unavailable. The file is created by startWriting().
+  static std::shared_ptr<MovieWriter> create(const std::string& fileURL, MovieFileType fileType,
+                                             std::string* error = nullptr);
+  ~MovieWriter();
+  MovieWriter(const MovieWriter&) = delete;
+  MovieWriter& operator=(const MovieWriter&) = delete;
+
+  /// Attaches the input. False when the writer already has one, has started, or the input
+  /// belongs to another writer.
+  bool addInput(const std::shared_ptr<MovieWriterInput>& input);
+
+  /// Creates the file and starts the pipeline: status Writing, or Failed with the reason in
+  /// error() (the file exists already, its folder is missing or not writable, no input). False
+  /// when not Writing afterwards; only the first call does anything.
+  bool startWriting();
+
+  /// Sets the source time at which the movie's time line begins; frames before it are
+  /// refused. Only the first call with a valid time while Writing counts.
+  void startSessionAtSourceTime(MediaTime time);
+
+  MovieWriterStatus status() const;
+
+  /// Readable description of what went wrong: the failure when the status is Failed, else the
+  /// reason the most recent sample was refused; empty when nothing went wrong.
+  std::string error() const;
+
+  /// Ends the movie: the queued frames are written, then the final index, then the pipeline
+  /// stops and `completionHandler` runs once, on a thread the writer owns (never the caller's).
+  /// The status is then Completed, or Failed with the reason. A writer that is not writing
+  /// (never started, failed, already finishing) calls the handler all the same, on its own
+  /// thread, without changing its status.
+  void finishWriting(std::function<void()> completionHandler);
+
+  /// The URL the writer was created for.
+  const std::string& outputURL() const;
+
+ private:
+  explicit MovieWriter(std::shared_ptr<MovieWriterCore> core) : core_(std::move(core)) {}
+  std::shared_ptr<MovieWriterCore> core_;
+};
+
+}  // namespace kwq::platform
