@@ -1,0 +1,310 @@
+#include "kwqimage/KWQCameraRollHelper.h"
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "platform/foundation/file_url.h"
+#include "platform/foundation/log_format.h"
+#include "platform/foundation/pictures_dir.h"
+#include "platform/foundation/user_dirs.h"
+#include "platform/media/movie_writer.h"
+#include "platform/media/photo_library.h"
+
+namespace kwq {
+
+using platform::MovieWriter;
+using platform::MovieWriterInput;
+using platform::MovieWriterStatus;
+
+struct KWQCameraRollHelper::Impl {
+  // Guards the fields below it; never held while waiting, writing or logging.
+  mutable std::mutex mutex;
+  std::string savedCameraDataFolderPath;
+  std::shared_ptr<MovieWriterInput> inputWriterBuffer;
+  std::shared_ptr<MovieWriter> outputWriter;
+  std::string videoFilePath;
+  bool finishRequested = false;  // the current writer was asked to finish
+
+  // Flags read on every frame: atomics, so a read on the frame queue never races a write.
+  std::atomic<bool> isRecording{false};
+  std::atomic<uint32_t> cameraDataCounter{0};
+
+  // Finishes and saves on their way, for waitForPendingSaves().
+  std::mutex pendingMutex;
+  std::condition_variable pendingDone;
+  int pending = 0;
+
+  void addPending(int n) {
+    std::lock_guard lock(pendingMutex);
+    pending += n;
+  }
+  void donePending() {
+    std::lock_guard lock(pendingMutex);
+    if (--pending == 0) pendingDone.notify_all();
+  }
+
+  struct Snapshot {
+    std::shared_ptr<MovieWriterInput> input;
+    std::shared_ptr<MovieWriter> writer;
+    std::string videoFilePath;
+  };
+  Snapshot snapshot() const {
+    std::lock_guard lock(mutex);
+    return {inputWriterBuffer, outputWriter, videoFilePath};
+  }
+};
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// The status of a writer that may be absent: an absent writer reports 0 (unknown).
+MovieWriterStatus statusOf(const std::shared_ptr<MovieWriter>& writer) {
+  return writer ? writer->status() : MovieWriterStatus::Unknown;
+}
+
+// The writer's error as the log lines print it: "(null)" when there is none.
+std::string errorOf(const std::shared_ptr<MovieWriter>& writer) {
+  const std::string error = writer ? writer->error() : std::string();
+  return error.empty() ? "(null)" : error;
+}
+
+std::string lastComponent(const std::string& path) {
+  return std::filesystem::path(path).filename().string();
+}
+
+// Runs `body`, turning any exception into `fallback`: nothing may leave the public methods.
+template <class R, class F>
+R guarded(R fallback, F&& body) {
+  try {
+    return body();
+  } catch (...) {
+    return fallback;
+  }
+}
+
+}  // namespace
+
+KWQCameraRollHelper& KWQCameraRollHelper::getInstance() {
+  // Never destroyed: finishes and saves may still call it while the process exits.
+  static KWQCameraRollHelper* const instance = new KWQCameraRollHelper;
+  return *instance;
+}
+
+KWQCameraRollHelper::KWQCameraRollHelper() : d_(std::make_unique<Impl>()) {}
+
+KWQCameraRollHelper::~KWQCameraRollHelper() = default;
+
+bool KWQCameraRollHelper::startSavingCameraData() {
+  bool expected = false;
+  if (!d_->isRecording.compare_exchange_strong(expected, true)) return false;
+  guarded(0, [&] {
+    auto input = MovieWriterInput::videoInput();
+    input->setExpectsMediaDataInRealTime(true);
+    // The file's name is taken before the folder is recreated, from the current counter.
+    const std::string url = getCameraDataFilePath();
+    deleteAndRecreateCameraDataFolder();
+    // A writer that cannot be created stays absent; later calls then do nothing.
+    auto writer = MovieWriter::create(url, platform::MovieFileType::QuickTimeMovie);
+    if (writer) writer->addInput(input);
+    std::lock_guard lock(d_->mutex);
+    d_->inputWriterBuffer = std::move(input);
+    d_->outputWriter = std::move(writer);
+    d_->videoFilePath = url;
+    d_->finishRequested = false;
+    return 0;
+  });
+  return true;
+}
+
+bool KWQCameraRollHelper::appendCameraData(const SampleBuffer& sampleBuffer) {
+  return guarded(false, [&] {
+    if (!d_->isRecording.load() || sampleBuffer.isNull() || !sampleBuffer.dataIsReady() ||
+        !sampleBuffer.presentationTimeStamp().isValid())
+      return false;
+    const MediaTime pts = sampleBuffer.presentationTimeStamp();
+    const Impl::Snapshot s = d_->snapshot();
+    const MovieWriterStatus status = statusOf(s.writer);
+    if (status == MovieWriterStatus::Failed) {
+      logf("Record Camera Data: An error has occured recording the camera. %s",
+           errorOf(s.writer).c_str());
+      return false;
+    }
+    if (status == MovieWriterStatus::Unknown && s.writer) {
+      s.writer->startWriting();
+      s.writer->startSessionAtSourceTime(pts);
+    }
+    while (s.input && !s.input->isReadyForMoreMediaData()) std::this_thread::sleep_for(100ms);
+    const bool appended = s.input && s.input->appendSampleBuffer(sampleBuffer);
+    if (!appended)
+      logf("Record Camera Data: Unable to append video sample to writer: %ld, %s",
+           static_cast<long>(statusOf(s.writer)), errorOf(s.writer).c_str());
+    return appended;
+  });
+}
+
+bool KWQCameraRollHelper::stopSavingCameraData() {
+  if (!d_->isRecording.load()) return false;
+  guarded(0, [&] {
+    Impl::Snapshot s;
+    {
+      std::lock_guard lock(d_->mutex);
+      // A second stop while the movie is finishing must not finish and save it twice.
+      if (d_->finishRequested) return 0;
+      s = {d_->inputWriterBuffer, d_->outputWriter, d_->videoFilePath};
+      if (statusOf(s.writer) == MovieWriterStatus::Unknown) return 0;
+      d_->finishRequested = true;
+    }
+    if (statusOf(s.writer) == MovieWriterStatus::Writing && s.input) s.input->markAsFinished();
+    // Two completions to wait for: the finish handler's and the photo library's.
+    d_->addPending(2);
+    s.writer->finishWriting([this, url = s.videoFilePath] {
+      const bool posted = guarded(false, [&] {
+        const std::string path = platform::pathFromFileURL(url).value_or(std::string());
+        platform::saveVideoToPhotoLibrary(
+            path, [this, path](const std::optional<std::string>& error, const std::string&) {
+              guarded(0, [&] {
+                videoDidFinishSaving(path, error, std::string());
+                return 0;
+              });
+              d_->donePending();
+            });
+        return true;
+      });
+      if (!posted) d_->donePending();  // the save's completion will never come
+      d_->isRecording.store(false);
+      d_->donePending();
+    });
+    return 0;
+  });
+  return true;
+}
+
+void KWQCameraRollHelper::saveImageToCameraRoll(const Image& image, std::string imageDescription) {
+  if (image.isNull()) return;
+  d_->addPending(1);
+  const bool posted = guarded(false, [&] {
+    platform::saveImageToPhotoLibrary(
+        image, [this, image, description = std::move(imageDescription)](
+                   const std::optional<std::string>& error, const std::string&) {
+          guarded(0, [&] {
+            imageDidFinishSaving(image, error, description);
+            return 0;
+          });
+          d_->donePending();
+        });
+    return true;
+  });
+  if (!posted) d_->donePending();
+}
+
+std::string KWQCameraRollHelper::getCameraDataFolderPath() {
+  return guarded(std::string(), [&] {
+    std::lock_guard lock(d_->mutex);
+    if (d_->savedCameraDataFolderPath.empty()) {
+      const std::string documents = platform::documentsDirectory();
+      // "/%@" with "/SavedCameraData": the doubled slash is part of the path.
+      if (!documents.empty())
+        d_->savedCameraDataFolderPath = documents + formatString("/%s", "/SavedCameraData");
+    }
+    return d_->savedCameraDataFolderPath;
+  });
+}
+
+std::string KWQCameraRollHelper::getCameraDataFilePath() {
+  return guarded(std::string(), [&] {
+    const std::string name =
+        formatString("FrontCardData%d.mov", static_cast<int>(d_->cameraDataCounter.load()));
+    const std::string folder = getCameraDataFolderPath();
+    if (folder.empty()) return std::string();
+    return platform::fileURLWithPath(folder + formatString("/%s", name.c_str()));
+  });
+}
+
+void KWQCameraRollHelper::deleteAndRecreateCameraDataFolder() {
+  guarded(0, [&] {
+    const std::string folder = getCameraDataFolderPath();
+    const std::string name = lastComponent(folder);
+    std::error_code ec;
+    std::string removeError;
+    struct stat st;
+    if (::lstat(folder.c_str(), &st) != 0)
+      removeError = "\"" + name + "\" couldn't be removed because it doesn't exist.";
+    else if (std::filesystem::remove_all(folder, ec) == static_cast<std::uintmax_t>(-1) || ec)
+      removeError = "\"" + name + "\" couldn't be removed: " + ec.message();
+    if (!removeError.empty())
+      logf("Record Camera Data: Error removing folder at path: %s, %s", folder.c_str(),
+           removeError.c_str());
+    if (::mkdir(folder.c_str(), 0777) != 0) {
+      const std::string reason = "\"" + name + "\" couldn't be created: " + std::strerror(errno);
+      logf("Record Camera Data: Error creating folder at path: %s, %s", folder.c_str(),
+           reason.c_str());
+    }
+    return 0;
+  });
+}
+
+void KWQCameraRollHelper::videoDidFinishSaving(const std::string&,
+                                               const std::optional<std::string>&,
+                                               const std::string&) {
+  deleteAndRecreateCameraDataFolder();
+  d_->cameraDataCounter.fetch_add(1);
+}
+
+void KWQCameraRollHelper::imageDidFinishSaving(const Image&, const std::optional<std::string>&,
+                                               const std::string&) {}
+
+bool KWQCameraRollHelper::isRecording() const {
+  return d_->isRecording.load();
+}
+
+void KWQCameraRollHelper::setIsRecording(bool isRecording) {
+  d_->isRecording.store(isRecording);
+}
+
+uint32_t KWQCameraRollHelper::cameraDataCounter() const {
+  return d_->cameraDataCounter.load();
+}
+
+void KWQCameraRollHelper::setCameraDataCounter(uint32_t cameraDataCounter) {
+  d_->cameraDataCounter.store(cameraDataCounter);
+}
+
+std::string KWQCameraRollHelper::videoFilePath() const {
+  return guarded(std::string(), [&] {
+    std::lock_guard lock(d_->mutex);
+    return d_->videoFilePath;
+  });
+}
+
+void KWQCameraRollHelper::setVideoFilePath(std::string videoFilePath) {
+  std::lock_guard lock(d_->mutex);
+  d_->videoFilePath = std::move(videoFilePath);
+}
+
+bool KWQCameraRollHelper::waitForPendingSaves(std::chrono::milliseconds timeout) {
+  return guarded(false, [&] {
+    std::unique_lock lock(d_->pendingMutex);
+    return d_->pendingDone.wait_for(lock, timeout, [&] { return d_->pending == 0; });
+  });
+}
+
+std::string KWQCameraRollHelper::photoLibraryDirectory() {
+  return guarded(std::string(), [] { return platform::picturesDirectory(); });
+}
+
+void KWQCameraRollHelper::setPhotoLibraryDirectory(const std::string& path) {
+  guarded(0, [&] {
+    platform::setPicturesDirectoryOverride(path);
+    return 0;
+  });
+}
+
+}  // namespace kwq
