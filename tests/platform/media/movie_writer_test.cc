@@ -1,0 +1,151 @@
+// The movie writer on its own: file URLs, what it refuses and why, back-pressure on its queue,
+// finishing on its own thread, and the movie it leaves.
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/foundation/file_url.h"
+#include "platform/media/movie_writer.h"
+#include "recording/recording_support.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace kwq::platform {
+namespace {
+
+class MovieWriterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/kwq-writer-XXXXXX";
+    ASSERT_NE(::mkdtemp(name), nullptr);
+    root_ = name;
+  }
+  void TearDown() override { fs::remove_all(root_); }
+
+  std::string url(const std::string& name) const {
+    return fileURLWithPath((root_ / name).string());
+  }
+
+  // Finishes the writer and returns the id of the thread the handler ran on.
+  static std::thread::id finish(MovieWriter& writer) {
+    std::promise<std::thread::id> ran;
+    auto done = ran.get_future();
+    writer.finishWriting([&] { ran.set_value(std::this_thread::get_id()); });
+    EXPECT_EQ(done.wait_for(30s), std::future_status::ready);
+    return done.get();
+  }
+
+  fs::path root_;
+};
+
+TEST(FileURL, RoundTripsAnyPathAndRefusesWhatIsNotALocalFile) {
+  for (const std::string path : {"/a/b c/%41/ü.mov", "/docs//SavedCameraData/x.mov", "/"}) {
+    const std::string url = fileURLWithPath(path);
+    EXPECT_EQ(url.rfind("file:///", 0), 0u) << url;
+    EXPECT_EQ(url.find(' '), std::string::npos) << url;
+    EXPECT_EQ(pathFromFileURL(url), path);
+  }
+  EXPECT_EQ(fileURLWithPath("rel/x.mov"),
+            fileURLWithPath(fs::current_path().string() + "/rel/x.mov"));
+  EXPECT_EQ(pathFromFileURL("FILE://localhost/x%20y"), "/x y");
+  for (const char* bad : {"http://host/x.mov", "file://host/x.mov", "file:x.mov", "file:///a%2",
+                          "file:///a%zz", "file:///a%00b", ""})
+    EXPECT_FALSE(pathFromFileURL(bad).has_value()) << bad;
+}
+
+TEST_F(MovieWriterTest, FailsToStartWithAReasonAndStillCallsTheFinishHandlerElsewhere) {
+  std::string error;
+  EXPECT_EQ(MovieWriter::create("http://host/x.mov", MovieFileType::QuickTimeMovie, &error),
+            nullptr);
+  EXPECT_NE(error.find("not the URL of a local file"), std::string::npos) << error;
+
+  auto noInput = MovieWriter::create(url("a.mov"), MovieFileType::QuickTimeMovie);
+  ASSERT_NE(noInput, nullptr);
+  EXPECT_EQ(noInput->status(), MovieWriterStatus::Unknown);
+  EXPECT_FALSE(noInput->startWriting());
+  EXPECT_EQ(noInput->status(), MovieWriterStatus::Failed);
+  EXPECT_EQ(noInput->error(), "The writer has no input.");
+
+  std::ofstream(root_ / "taken.mov") << "keep";
+  auto taken = MovieWriter::create(url("taken.mov"), MovieFileType::QuickTimeMovie);
+  ASSERT_TRUE(taken->addInput(MovieWriterInput::videoInput()));
+  EXPECT_FALSE(taken->startWriting());
+  EXPECT_NE(taken->error().find("already exists"), std::string::npos) << taken->error();
+  EXPECT_EQ(fs::file_size(root_ / "taken.mov"), 4u);
+
+  auto input = MovieWriterInput::videoInput();
+  auto missing = MovieWriter::create(url("no/such/folder/m.mov"), MovieFileType::QuickTimeMovie);
+  ASSERT_TRUE(missing->addInput(input));
+  EXPECT_FALSE(missing->addInput(MovieWriterInput::videoInput()));  // one input only
+  EXPECT_FALSE(noInput->addInput(input));                           // and one writer per input
+  EXPECT_FALSE(missing->startWriting());
+  EXPECT_EQ(missing->status(), MovieWriterStatus::Failed);
+  EXPECT_NE(missing->error().find("no/such/folder/m.mov"), std::string::npos) << missing->error();
+  EXPECT_TRUE(input->isReadyForMoreMediaData());  // nobody may wait on a failed writer
+  EXPECT_FALSE(input->appendSampleBuffer(
+      SampleBuffer(test::patternFrame(kPixelFormat420f, 64, 48, 0), {0, 600})));
+
+  auto never = MovieWriter::create(url("never.mov"), MovieFileType::QuickTimeMovie);
+  EXPECT_NE(finish(*never), std::this_thread::get_id());
+  EXPECT_EQ(never->status(), MovieWriterStatus::Unknown);
+  EXPECT_NE(finish(*missing), std::this_thread::get_id());
+  EXPECT_EQ(missing->status(), MovieWriterStatus::Failed);
+}
+
+TEST_F(MovieWriterTest, QueueFillsDrainsAndRefusesWhatIgnoresIt) {
+  auto writer = MovieWriter::create(url("m.mov"), MovieFileType::QuickTimeMovie);
+  auto input = MovieWriterInput::videoInput();
+  input->setExpectsMediaDataInRealTime(true);
+  ASSERT_TRUE(writer->addInput(input));
+  ASSERT_TRUE(writer->startWriting());
+  writer->startSessionAtSourceTime({1000, 600});
+  const auto sample = [](int i, int64_t t) {
+    return SampleBuffer(test::patternFrame(kPixelFormat420f, 1280, 720, i % 4), {t, 600});
+  };
+  EXPECT_FALSE(input->appendSampleBuffer(sample(0, 990)));  // before the session
+  EXPECT_NE(writer->error().find("before the session"), std::string::npos);
+
+  // Copying a frame in is far quicker than converting and writing it, so appending without
+  // waiting fills the queue, and ignoring that is refused soon after.
+  int accepted = 0;
+  bool sawFull = false, refused = false;
+  for (int i = 0; i < 400 && !refused; ++i) {
+    sawFull = sawFull || !input->isReadyForMoreMediaData();
+    if (input->appendSampleBuffer(sample(i, 1000 + 10 * accepted)))
+      ++accepted;
+    else
+      refused = true;
+  }
+  EXPECT_TRUE(sawFull);
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(writer->error(), "The writer's queue is full.");
+  EXPECT_TRUE(test::waitUntil([&] { return input->isReadyForMoreMediaData(); }));
+  EXPECT_FALSE(input->appendSampleBuffer(sample(0, 1000 + 10 * (accepted - 1))));  // not later
+  ASSERT_TRUE(input->appendSampleBuffer(sample(accepted, 1000 + 10 * accepted)));
+  ++accepted;
+  EXPECT_EQ(writer->status(), MovieWriterStatus::Writing);
+
+  input->markAsFinished();
+  EXPECT_FALSE(input->appendSampleBuffer(sample(0, 99999)));
+  EXPECT_EQ(writer->error(), "The input was marked as finished.");
+  EXPECT_NE(finish(*writer), std::this_thread::get_id());
+  EXPECT_EQ(writer->status(), MovieWriterStatus::Completed);
+
+  int n = 0;
+  const auto movie = test::readMovie((root_ / "m.mov").string(), [&](const auto& stored) {
+    EXPECT_EQ(stored.ptsNs, n * 1000000000LL / 60) << n;
+    ++n;
+  });
+  ASSERT_TRUE(movie.opened) << movie.error;
+  EXPECT_EQ(movie.frames, static_cast<size_t>(accepted));
+}
+
+}  // namespace
+}  // namespace kwq::platform

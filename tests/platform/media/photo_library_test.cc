@@ -1,0 +1,128 @@
+// The photo library: copies into the pictures folder under free names only, PNG images, and
+// the errors it reports through its completion.
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <random>
+#include <regex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/foundation/pictures_dir.h"
+#include "platform/media/photo_library.h"
+#include "support/test_support.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace kwq::platform {
+namespace {
+
+struct Saved {
+  std::optional<std::string> error;
+  std::string path;
+  std::thread::id thread;
+};
+
+class PhotoLibrary : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/kwq-photos-XXXXXX";
+    ASSERT_NE(::mkdtemp(name), nullptr);
+    root_ = name;
+    setPicturesDirectoryOverride((root_ / "Pictures" / "Library").string());
+  }
+  void TearDown() override {
+    setPicturesDirectoryOverride("");
+    fs::remove_all(root_);
+  }
+
+  // Runs a save and waits for its completion.
+  template <class Save>
+  static Saved run(Save save) {
+    std::promise<Saved> done;
+    auto result = done.get_future();
+    save([&](const std::optional<std::string>& error, const std::string& path) {
+      done.set_value({error, path, std::this_thread::get_id()});
+    });
+    EXPECT_EQ(result.wait_for(30s), std::future_status::ready);
+    return result.get();
+  }
+  Saved saveVideo(const fs::path& p) {
+    return run([&](PhotoLibraryCompletion c) { saveVideoToPhotoLibrary(p.string(), c); });
+  }
+  Saved saveImage(const Image& image) {
+    return run([&](PhotoLibraryCompletion c) { saveImageToPhotoLibrary(image, c); });
+  }
+  static std::string content(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  fs::path library() const { return root_ / "Pictures" / "Library"; }
+
+  fs::path root_;
+};
+
+TEST_F(PhotoLibrary, CopiesMoviesUnderFreeNamesOnly) {
+  std::mt19937 rng(3);
+  std::string bytes(300000, '\0');
+  for (auto& b : bytes) b = static_cast<char>(rng());
+  std::ofstream(root_ / "clip.mov", std::ios::binary) << bytes;
+
+  const Saved first = saveVideo(root_ / "clip.mov");  // also creates the missing folders
+  ASSERT_FALSE(first.error) << *first.error;
+  EXPECT_EQ(first.path, (library() / "clip.mov").string());
+  EXPECT_NE(first.thread, std::this_thread::get_id());
+  std::ofstream(library() / "clip (1).mov") << "mine";
+  EXPECT_EQ(saveVideo(root_ / "clip.mov").path, (library() / "clip (2).mov").string());
+  EXPECT_EQ(saveVideo(root_ / "clip.mov").path, (library() / "clip (3).mov").string());
+
+  size_t files = 0;
+  for (const auto& entry : fs::directory_iterator(library())) {
+    ++files;
+    const std::string name = entry.path().filename();
+    EXPECT_EQ(content(entry.path()), name == "clip (1).mov" ? "mine" : bytes) << name;
+  }
+  EXPECT_EQ(files, 4u);  // no temporary file is left behind
+}
+
+TEST_F(PhotoLibrary, SavesImagesAsPNGUnderTimeStampedNames) {
+  std::mt19937 rng(5);
+  const Image image = test::randomImage(rng, PixelLayout::RGBA32, 33, 21);
+  const Saved a = saveImage(image), b = saveImage(image);
+  ASSERT_FALSE(a.error) << *a.error;
+  ASSERT_FALSE(b.error) << *b.error;
+  EXPECT_NE(a.path, b.path);
+  const std::regex name(R"(IMG_\d{8}_\d{6}( \(\d+\))?\.png)");
+  for (const Saved& s : {a, b}) {
+    EXPECT_TRUE(std::regex_match(fs::path(s.path).filename().string(), name)) << s.path;
+    const Image back = Image::loadFile(s.path);
+    ASSERT_EQ(back.layout(), PixelLayout::RGBA32);
+    EXPECT_TRUE(std::equal(back.bytes().begin(), back.bytes().end(), image.bytes().begin(),
+                           image.bytes().end()));
+  }
+}
+
+TEST_F(PhotoLibrary, ReportsWhatCouldNotBeSaved) {
+  for (const Saved& s : {saveVideo(root_ / "missing.mov"), saveVideo(root_), saveImage(Image()),
+                         saveImage(Image::withoutBitmap(Size{4, 4}))}) {
+    ASSERT_TRUE(s.error.has_value());
+    EXPECT_FALSE(s.error->empty());
+    EXPECT_TRUE(s.path.empty());
+  }
+  EXPECT_FALSE(fs::exists(library()) && !fs::is_empty(library()));
+
+  std::ofstream(root_ / "plain-file") << "x";
+  setPicturesDirectoryOverride((root_ / "plain-file" / "Pictures").string());
+  std::ofstream(root_ / "clip.mov") << "movie";
+  const Saved s = saveVideo(root_ / "clip.mov");
+  ASSERT_TRUE(s.error.has_value());
+  EXPECT_NE(s.error->find("could not be created"), std::string::npos) << *s.error;
+}
+
+}  // namespace
+}  // namespace kwq::platform
