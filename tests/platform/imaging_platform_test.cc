@@ -31,15 +31,11 @@ struct ShortcutsOff {
 };
 
 TEST(ImageContext, CanvasSizesRoundUpAndRefuseWhatCannotBeDrawn) {
-  EXPECT_EQ(ImageContext::pixelExtent(10.0), 10u);
   EXPECT_EQ(ImageContext::pixelExtent(2.0000000000000004), 2u);  // transform noise
   EXPECT_EQ(ImageContext::pixelExtent(141.42), 142u);
-  EXPECT_EQ(ImageContext::pixelExtent(0.2), 1u);
   for (double bad : {0.0, -3.0, 1e-9, 32768.0, std::nan(""), double{INFINITY}})
     EXPECT_EQ(ImageContext::pixelExtent(bad), 0u) << bad;
-  ImageContext invalid(Size{0, 5});
-  invalid.fillRect(Rect(0, 0, 1, 1));
-  EXPECT_TRUE(invalid.takeImage().isNull());
+  EXPECT_TRUE(ImageContext(Size{0, 5}).takeImage().isNull());
 }
 
 TEST(ImageContext, StrokesAndFillsWithColoursAndSurvivesASingularTransform) {
@@ -131,12 +127,9 @@ TEST(SampleBuffer, AllocatesPlanesForEachFormatAndRefusesBadSizes) {
   const PixelBuffer nv12 = PixelBuffer::allocate(kPixelFormat420f, 7, 5, 16);
   ASSERT_EQ(nv12.planeCount(), 2u);
   EXPECT_EQ(nv12.bytesPerRowOfPlane(0), 16u);
-  EXPECT_EQ(nv12.widthOfPlane(1), 4u);
+  EXPECT_EQ(nv12.widthOfPlane(1), 4u);  // chroma pairs round up
   EXPECT_EQ(nv12.heightOfPlane(1), 3u);
-  EXPECT_EQ(nv12.bytesPerRowOfPlane(1), 16u);
-  const PixelBuffer bgra = PixelBuffer::allocate(kPixelFormatBGRA, 17, 3);
-  EXPECT_EQ(bgra.bytesPerRowOfPlane(0), 128u);
-  EXPECT_EQ(bgra.pixelFormat(), 1111970369u);
+  EXPECT_EQ(PixelBuffer::allocate(kPixelFormatBGRA, 17, 3).bytesPerRowOfPlane(0), 128u);
   EXPECT_TRUE(PixelBuffer::allocate(fourCharCode("yuvs"), 4, 4).isNull());
   EXPECT_TRUE(PixelBuffer::allocate(kPixelFormatBGRA, 0, 4).isNull());
   EXPECT_TRUE(PixelBuffer::allocate(kPixelFormatBGRA, 4, 4, 48).isNull());
