@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include <benchmark/benchmark.h>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -83,6 +85,8 @@ void PeerMemcpy(benchmark::State& state) {
 // Keeps each benchmark's mean real time per iteration in milliseconds.
 class Collector : public benchmark::ConsoleReporter {
  public:
+  // Colour codes only on a terminal, so a saved run reads cleanly.
+  Collector() : ConsoleReporter(isatty(1) ? OO_Defaults : OO_None) {}
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& r : runs)
       if (r.run_type == Run::RT_Iteration) ms[r.benchmark_name()] = r.GetAdjustedRealTime();
