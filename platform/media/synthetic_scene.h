@@ -1,0 +1,81 @@
+#pragma once
+
+// The picture the synthetic camera films: an ID card (86 x 54 mm) carrying printed text, a photo
+// area and a PDF417 code, moving smoothly under perspective in front of a textured background.
+// Every frame comes with its ground truth, so tests can check what the engine finds.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "kwqimage/Geometry.h"
+
+namespace kwq::platform {
+
+/// What the scene shows; fixed for the life of a scene.
+struct SyntheticSceneOptions {
+  size_t width = 1280;
+  size_t height = 720;
+  /// Text of the PDF417 code printed on the card.
+  std::string codeText = "KWQIMAGE SYNTHETIC CARD 0001";
+  /// False films the background alone (frames without a card).
+  bool showCard = true;
+  /// Gaussian blur of the whole picture, in pixels (0: sharp).
+  double blurSigma = 0.0;
+  /// Standard deviation of per-pixel sensor noise, in gray levels (0: none).
+  double noiseSigma = 0.0;
+  /// Amplitude of a slow brightness drift as a fraction of the exposure (0: steady).
+  double exposureDrift = 0.0;
+  /// Seeds the background texture, the noise and the motion path.
+  uint64_t seed = 1;
+};
+
+/// How the simulated camera's controls change a frame: the capture layer derives these from
+/// the device's focus mode, range restriction, torch and flash.
+struct SyntheticCameraEffects {
+  /// Extra blur from a lens that is out of focus, in pixels (0: in focus).
+  double defocusSigma = 0.0;
+  /// Multiplies the scene's light (1: as is; a torch or a firing flash brightens the card).
+  double lightGain = 1.0;
+};
+
+/// Ground truth of one frame, in pixel coordinates with the origin at the top left, y down.
+struct SyntheticFrameTruth {
+  uint64_t frameIndex = 0;
+  bool cardVisible = false;       ///< some of the card is in the picture
+  bool cardFullyVisible = false;  ///< all four corners are inside the picture
+  /// Card corners: top left, top right, bottom right, bottom left of the card as printed.
+  std::array<Point, 4> cardCorners{};
+  /// Corners of the PDF417 symbol in the same order.
+  std::array<Point, 4> codeCorners{};
+  std::string codeText;
+};
+
+/// Renders frames of one scene. Not thread-safe: one thread renders a scene at a time.
+class SyntheticScene {
+ public:
+  explicit SyntheticScene(SyntheticSceneOptions options);
+  ~SyntheticScene();
+  SyntheticScene(const SyntheticScene&) = delete;
+  SyntheticScene& operator=(const SyntheticScene&) = delete;
+
+  const SyntheticSceneOptions& options() const;
+
+  /// Renders frame `frameIndex` (at 30 frames a second, time = frameIndex / 30 s) as opaque
+  /// BGRA (alpha 255) into `bgra`, which holds options().height rows of `bytesPerRow` bytes
+  /// (at least 4 x width). The same index always gives the same picture and truth. Cheap
+  /// enough for 1280 x 720 at 30 fps on one core.
+  SyntheticFrameTruth render(uint64_t frameIndex, const SyntheticCameraEffects& effects,
+                             uint8_t* bgra, size_t bytesPerRow);
+
+  /// The ground truth of a frame without rendering it.
+  SyntheticFrameTruth truth(uint64_t frameIndex) const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kwq::platform
