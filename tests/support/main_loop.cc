@@ -1,0 +1,36 @@
+#include "support/main_loop.h"
+
+#include <glib.h>
+
+namespace kwq::test {
+
+bool pumpMainContextUntil(const std::function<bool()>& condition,
+                          std::chrono::milliseconds timeout) {
+  GMainContext* context = g_main_context_default();
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  // A ticking source wakes the blocking iteration so the condition and deadline are re-checked.
+  GSource* tick = g_timeout_source_new(5);
+  g_source_set_callback(
+      tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+  g_source_attach(tick, context);
+  bool held = false;
+  for (;;) {
+    if (condition()) {
+      held = true;
+      break;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) break;
+    g_main_context_iteration(context, TRUE);
+  }
+  g_source_destroy(tick);
+  g_source_unref(tick);
+  return held;
+}
+
+void drainMainContext() {
+  GMainContext* context = g_main_context_default();
+  while (g_main_context_iteration(context, FALSE)) {
+  }
+}
+
+}  // namespace kwq::test
