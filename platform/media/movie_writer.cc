@@ -114,11 +114,13 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
   GstElement* capsfilter = nullptr;
   GstElement* mux = nullptr;
 
+  std::mutex appendMutex;  // serialises appends; taken before `mutex`
   bool sessionStarted = false;
   int64_t sessionStartNs = 0;
   bool haveFirstFrame = false;
   int64_t firstNs = 0;
   int64_t lastNs = 0;
+  bool configured = false;  // format, size and time scale fixed by the first admitted frame
   uint32_t pixelFormat = 0;
   GstVideoInfo info{};  // layout of the frames pushed into appsrc
   uint64_t queueBytes = 0;
@@ -318,27 +320,28 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
     return buffer;
   }
 
-  bool append(const SampleBuffer& sample, const std::shared_ptr<MovieWriterInput::State>& from) {
-    std::lock_guard lock(mutex);
+  // Checks the sample against the movie and, for the first one, fixes the movie's format;
+  // fills the frame's times. Mutex held.
+  bool admit(const SampleBuffer& sample, const MovieWriterInput::State& from, int64_t* ns,
+             int64_t* ptsNs, int64_t* durationNs) {
     if (status != MovieWriterStatus::Writing)
       return refuse(
           formatString("The writer is not writing (status %ld).", static_cast<long>(status)));
     if (finishing) return refuse("The movie is being finished.");
     bool finished = false, realTime = false;
     {
-      std::lock_guard inputLock(from->mutex);
-      finished = from->finished;
-      realTime = from->realTime;
+      std::lock_guard inputLock(from.mutex);
+      finished = from.finished;
+      realTime = from.realTime;
     }
     if (finished) return refuse("The input was marked as finished.");
     if (!sessionStarted) return refuse("No session was started.");
     if (sample.isNull()) return refuse("The sample has no image buffer.");
     if (!sample.dataIsReady()) return refuse("The sample's data is not ready.");
-    int64_t ns = 0;
-    if (!toNanoseconds(sample.presentationTimeStamp(), &ns))
+    if (!toNanoseconds(sample.presentationTimeStamp(), ns))
       return refuse("The sample has no valid presentation time stamp.");
-    if (ns < sessionStartNs) return refuse("The sample's time is before the session start.");
-    if (haveFirstFrame && ns <= lastNs)
+    if (*ns < sessionStartNs) return refuse("The sample's time is before the session start.");
+    if (haveFirstFrame && *ns <= lastNs)
       return refuse("The sample's time is not after the previous sample's.");
     const PixelBuffer& pb = sample.imageBuffer();
     if (videoFormatFor(pb.pixelFormat()) == GST_VIDEO_FORMAT_UNKNOWN)
@@ -347,28 +350,46 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
         pb.height() > kMaxSide)
       return refuse(
           formatString("The frame size %zux%zu is outside 16..16384.", pb.width(), pb.height()));
-    if (haveFirstFrame && (pb.pixelFormat() != pixelFormat ||
-                           pb.width() != static_cast<size_t>(GST_VIDEO_INFO_WIDTH(&info)) ||
-                           pb.height() != static_cast<size_t>(GST_VIDEO_INFO_HEIGHT(&info))))
+    if (configured && (pb.pixelFormat() != pixelFormat ||
+                       pb.width() != static_cast<size_t>(GST_VIDEO_INFO_WIDTH(&info)) ||
+                       pb.height() != static_cast<size_t>(GST_VIDEO_INFO_HEIGHT(&info))))
       return refuse("The frame's format or size differs from the movie's.");
-    if (haveFirstFrame &&
+    if (configured &&
         gst_app_src_get_current_level_bytes(GST_APP_SRC(appsrc)) >= kHardQueueFactor * queueBytes)
       return refuse("The writer's queue is full.");
-    if (!haveFirstFrame) configure(pb, sample.presentationTimeStamp(), realTime);
-    GstBuffer* buffer = copyFrame(pb);
-    if (!buffer) return refuse("The frame's pixels could not be read.");
-    const int64_t base = haveFirstFrame ? firstNs : ns;
-    GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(ns - base);
-    GST_BUFFER_DTS(buffer) = GST_BUFFER_PTS(buffer);
+    if (!configured) {
+      configure(pb, sample.presentationTimeStamp(), realTime);
+      configured = true;
+    }
+    *ptsNs = *ns - (haveFirstFrame ? firstNs : *ns);
     // qtmux times each frame by the next one's time stamp; only the last frame keeps its own
     // duration, and a frame lasting 0 is dropped by players. Without one, a frame lasts as
     // long as the step before it (a lone first frame: 1/30 s).
-    int64_t durationNs = 0;
-    if (!toNanoseconds(sample.duration(), &durationNs) || durationNs <= 0)
-      durationNs = haveFirstFrame ? ns - lastNs : kDefaultFrameNs;
-    GST_BUFFER_DURATION(buffer) = static_cast<GstClockTime>(durationNs);
-    if (gst_app_src_push_buffer(GST_APP_SRC(appsrc), buffer) != GST_FLOW_OK)
-      return refuse("The movie pipeline refused the frame.");
+    if (!toNanoseconds(sample.duration(), durationNs) || *durationNs <= 0)
+      *durationNs = haveFirstFrame ? *ns - lastNs : kDefaultFrameNs;
+    return true;
+  }
+
+  bool append(const SampleBuffer& sample, const std::shared_ptr<MovieWriterInput::State>& from) {
+    // One append at a time, so frames reach appsrc in the order they were admitted. The state
+    // lock is not held while copying and pushing: status queries stay quick, and nothing
+    // GStreamer does on this thread can wait for a lock its own bus handler needs.
+    std::lock_guard serial(appendMutex);
+    int64_t ns = 0, ptsNs = 0, durationNs = 0;
+    {
+      std::lock_guard lock(mutex);
+      if (!admit(sample, *from, &ns, &ptsNs, &durationNs)) return false;
+    }
+    GstBuffer* buffer = copyFrame(sample.imageBuffer());  // `info` is fixed once configured
+    GstFlowReturn flow = GST_FLOW_ERROR;
+    if (buffer) {
+      GST_BUFFER_PTS(buffer) = GST_BUFFER_DTS(buffer) = static_cast<GstClockTime>(ptsNs);
+      GST_BUFFER_DURATION(buffer) = static_cast<GstClockTime>(durationNs);
+      flow = gst_app_src_push_buffer(GST_APP_SRC(appsrc), buffer);
+    }
+    std::lock_guard lock(mutex);
+    if (!buffer) return refuse("The frame's pixels could not be read.");
+    if (flow != GST_FLOW_OK) return refuse("The movie pipeline refused the frame.");
     if (!haveFirstFrame) {
       haveFirstFrame = true;
       firstNs = ns;

@@ -81,22 +81,17 @@ TEST_F(MovieWriterTest, FailsToStartWithAReasonAndStillCallsTheFinishHandlerElse
   EXPECT_EQ(fs::file_size(root_ / "taken.mov"), 4u);
 
   auto input = MovieWriterInput::videoInput();
-  auto missing = MovieWriter::create(url("no/such/folder/m.mov"), MovieFileType::QuickTimeMovie);
-  ASSERT_TRUE(missing->addInput(input));
-  EXPECT_FALSE(missing->addInput(MovieWriterInput::videoInput()));  // one input only
-  EXPECT_FALSE(noInput->addInput(input));                           // and one writer per input
-  EXPECT_FALSE(missing->startWriting());
-  EXPECT_EQ(missing->status(), MovieWriterStatus::Failed);
-  EXPECT_NE(missing->error().find("no/such/folder/m.mov"), std::string::npos) << missing->error();
-  EXPECT_TRUE(input->isReadyForMoreMediaData());  // nobody may wait on a failed writer
+  EXPECT_FALSE(taken->addInput(input));           // one input per writer
+  EXPECT_FALSE(noInput->addInput(input));         // none after the start
+  EXPECT_TRUE(input->isReadyForMoreMediaData());  // an input without a writer never blocks
   EXPECT_FALSE(input->appendSampleBuffer(
       SampleBuffer(test::patternFrame(kPixelFormat420f, 64, 48, 0), {0, 600})));
 
   auto never = MovieWriter::create(url("never.mov"), MovieFileType::QuickTimeMovie);
   EXPECT_NE(finish(*never), std::this_thread::get_id());
   EXPECT_EQ(never->status(), MovieWriterStatus::Unknown);
-  EXPECT_NE(finish(*missing), std::this_thread::get_id());
-  EXPECT_EQ(missing->status(), MovieWriterStatus::Failed);
+  EXPECT_NE(finish(*taken), std::this_thread::get_id());
+  EXPECT_EQ(taken->status(), MovieWriterStatus::Failed);
 }
 
 TEST_F(MovieWriterTest, QueueFillsDrainsAndRefusesWhatIgnoresIt) {
@@ -106,9 +101,9 @@ TEST_F(MovieWriterTest, QueueFillsDrainsAndRefusesWhatIgnoresIt) {
   ASSERT_TRUE(writer->addInput(input));
   ASSERT_TRUE(writer->startWriting());
   writer->startSessionAtSourceTime({1000, 600});
-  const auto sample = [](int i, int64_t t) {
-    return SampleBuffer(test::patternFrame(kPixelFormat420f, 1280, 720, i % 4), {t, 600});
-  };
+  std::vector<PixelBuffer> frames;
+  for (int i = 0; i < 4; ++i) frames.push_back(test::patternFrame(kPixelFormat420f, 1280, 720, i));
+  const auto sample = [&](int i, int64_t t) { return SampleBuffer(frames[i % 4], {t, 600}); };
   EXPECT_FALSE(input->appendSampleBuffer(sample(0, 990)));  // before the session
   EXPECT_NE(writer->error().find("before the session"), std::string::npos);
 

@@ -1,5 +1,5 @@
-// The photo library: copies into the pictures folder under free names only, PNG images, and
-// the errors it reports through its completion.
+// The photo library: copies into the pictures folder under free names only, and the errors it
+// reports through its completion. (PNG images: the recorder's tests.)
 
 #include <stdlib.h>
 
@@ -7,7 +7,6 @@
 #include <fstream>
 #include <future>
 #include <random>
-#include <regex>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -88,23 +87,6 @@ TEST_F(PhotoLibrary, CopiesMoviesUnderFreeNamesOnly) {
     EXPECT_EQ(content(entry.path()), name == "clip (1).mov" ? "mine" : bytes) << name;
   }
   EXPECT_EQ(files, 4u);  // no temporary file is left behind
-}
-
-TEST_F(PhotoLibrary, SavesImagesAsPNGUnderTimeStampedNames) {
-  std::mt19937 rng(5);
-  const Image image = test::randomImage(rng, PixelLayout::RGBA32, 33, 21);
-  const Saved a = saveImage(image), b = saveImage(image);
-  ASSERT_FALSE(a.error) << *a.error;
-  ASSERT_FALSE(b.error) << *b.error;
-  EXPECT_NE(a.path, b.path);
-  const std::regex name(R"(IMG_\d{8}_\d{6}( \(\d+\))?\.png)");
-  for (const Saved& s : {a, b}) {
-    EXPECT_TRUE(std::regex_match(fs::path(s.path).filename().string(), name)) << s.path;
-    const Image back = Image::loadFile(s.path);
-    ASSERT_EQ(back.layout(), PixelLayout::RGBA32);
-    EXPECT_TRUE(std::equal(back.bytes().begin(), back.bytes().end(), image.bytes().begin(),
-                           image.bytes().end()));
-  }
 }
 
 TEST_F(PhotoLibrary, ReportsWhatCouldNotBeSaved) {
