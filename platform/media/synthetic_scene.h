@@ -41,7 +41,12 @@ struct SyntheticCameraEffects {
   double lightGain = 1.0;
 };
 
-/// Ground truth of one frame, in pixel coordinates with the origin at the top left, y down.
+/// Ground truth of one frame, in pixel coordinates with the origin at the top left, y down;
+/// pixel (i, j) covers [i, i + 1) x [j, j + 1), so the picture spans [0, width] x [0, height].
+/// Corners are given even where they lie outside the picture. Without a card (showCard false,
+/// or a scene that renders nothing) every field but frameIndex keeps its default; a card whose
+/// text the PDF417 writer cannot encode (empty, or too long for one symbol) carries no code
+/// and its codeText and codeCorners keep their defaults.
 struct SyntheticFrameTruth {
   uint64_t frameIndex = 0;
   bool cardVisible = false;       ///< some of the card is in the picture
@@ -51,11 +56,23 @@ struct SyntheticFrameTruth {
   /// Corners of the PDF417 symbol in the same order.
   std::array<Point, 4> codeCorners{};
   std::string codeText;
+  /// Angle between the card's normal and the camera's axis in degrees (0: square-on, where the
+  /// card's outline is an undistorted 86 x 54 rectangle).
+  double cardTiltDegrees = 0.0;
 };
 
 /// Renders frames of one scene. Not thread-safe: one thread renders a scene at a time.
+///
+/// The card's path repeats every 1800 frames (60 s). It faces the camera squarely at frames 0
+/// and 900 of each period, tilts up to about 25 degrees in between, and twice a period (once
+/// between 12 and 26 s, once between 42 and 56 s) slides partly out of the picture for about
+/// three seconds. Scenes of 1 to 8192 pixels a side and at most 40 megapixels are drawn;
+/// a scene of any other size renders nothing. Nothing here throws.
 class SyntheticScene {
  public:
+  static constexpr size_t kMaxSide = 8192;
+  static constexpr size_t kMaxPixels = 40u * 1000u * 1000u;
+
   explicit SyntheticScene(SyntheticSceneOptions options);
   ~SyntheticScene();
   SyntheticScene(const SyntheticScene&) = delete;
@@ -66,7 +83,12 @@ class SyntheticScene {
   /// Renders frame `frameIndex` (at 30 frames a second, time = frameIndex / 30 s) as opaque
   /// BGRA (alpha 255) into `bgra`, which holds options().height rows of `bytesPerRow` bytes
   /// (at least 4 x width). The same index always gives the same picture and truth. Cheap
-  /// enough for 1280 x 720 at 30 fps on one core.
+  /// enough for 1280 x 720 at 30 fps on one core. Effects apply in this order: blur of
+  /// sqrt(blurSigma^2 + defocusSigma^2) (capped at 50 pixels; negative or NaN sigmas count as
+  /// 0), gain lightGain x exposure drift (lightGain clamped to 0..64, NaN as 1), then noise.
+  /// Writes only the first 4 x width bytes of each row. A null `bgra`, a `bytesPerRow` below
+  /// 4 x width or a scene that renders nothing leaves the buffer untouched; the truth is
+  /// returned in every case.
   SyntheticFrameTruth render(uint64_t frameIndex, const SyntheticCameraEffects& effects,
                              uint8_t* bgra, size_t bytesPerRow);
 

@@ -1,0 +1,290 @@
+#include "platform/media/synthetic_card.h"
+
+#define ZX_USE_UTF8
+#include <ZXing/BitMatrix.h>
+#include <ZXing/MultiFormatWriter.h>
+#include <cairo.h>
+#include <glib.h>
+#include <pango/pangocairo.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <optional>
+
+#include <opencv2/imgproc.hpp>
+
+namespace kwq::platform {
+namespace {
+
+// Every colour stays at or below 200 in each channel: the two-pi focus measure skips blocks
+// holding a pixel of 200 or more, and the card must count.
+struct Rgb {
+  int r, g, b;
+};
+constexpr Rgb kStock{192, 189, 181};
+constexpr Rgb kGuilloche{172, 178, 186};
+constexpr Rgb kBand{150, 174, 196};
+constexpr Rgb kNavy{28, 46, 92};
+constexpr Rgb kLabel{96, 100, 112};
+constexpr Rgb kInk{24, 24, 30};
+constexpr Rgb kBars{26, 26, 30};
+
+// Where things sit on the card, in millimetres.
+// The code takes the lower part: zxing-cpp reads a PDF417 whose rows are skewed by the card's
+// roll only while rows are tall next to a codeword's width, so rows get four to five modules,
+// and modules must stay near three pixels on a card a third of a 1280-pixel picture wide.
+const cv::Rect2d kBandMm{2.5, 2.5, 81.0, 6.0};
+const cv::Rect2d kPhotoMm{4.0, 10.5, 15.0, 19.0};
+constexpr double kTextLeftMm = 21.5;
+const cv::Rect2d kCodeBoxMm{3.0, 31.5, 80.0, 21.0};
+constexpr int kQuietModules = 2;
+constexpr double kMinRowModules = 4.0, kMaxRowModules = 5.0;
+
+template <typename T, void (*Free)(T*)>
+struct Deleter {
+  void operator()(T* p) const { Free(p); }
+};
+using Surface = std::unique_ptr<cairo_surface_t, Deleter<cairo_surface_t, cairo_surface_destroy>>;
+using Cairo = std::unique_ptr<cairo_t, Deleter<cairo_t, cairo_destroy>>;
+using Font = std::unique_ptr<PangoFontDescription,
+                             Deleter<PangoFontDescription, pango_font_description_free>>;
+void unrefObject(PangoLayout* layout) {
+  g_object_unref(layout);
+}
+using Layout = std::unique_ptr<PangoLayout, Deleter<PangoLayout, unrefObject>>;
+
+void setColor(cairo_t* cr, Rgb c) {
+  cairo_set_source_rgb(cr, c.r / 255.0, c.g / 255.0, c.b / 255.0);
+}
+
+void fillRect(cairo_t* cr, const cv::Rect2d& r, Rgb c) {
+  setColor(cr, c);
+  cairo_rectangle(cr, r.x, r.y, r.width, r.height);
+  cairo_fill(cr);
+}
+
+void fillEllipse(cairo_t* cr, double cx, double cy, double rx, double ry, Rgb c) {
+  cairo_save(cr);
+  cairo_translate(cr, cx, cy);
+  cairo_scale(cr, rx, ry);
+  cairo_arc(cr, 0.0, 0.0, 1.0, 0.0, 2.0 * M_PI);
+  cairo_restore(cr);
+  setColor(cr, c);
+  cairo_fill(cr);
+}
+
+// Text with its top-left corner (top-right with `alignRight`) at (x, y) mm, `size` mm high
+// (the font's em).
+void drawText(cairo_t* cr, const char* text, double x, double y, double size, bool bold, Rgb c,
+              bool alignRight = false) {
+  Layout layout(pango_cairo_create_layout(cr));
+  // Unhinted outlines: hinting would snap glyphs to a grid meant for screens, not to texels.
+  cairo_font_options_t* options = cairo_font_options_create();
+  cairo_font_options_set_antialias(options, CAIRO_ANTIALIAS_GRAY);
+  cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_NONE);
+  cairo_font_options_set_hint_metrics(options, CAIRO_HINT_METRICS_OFF);
+  PangoContext* context = pango_layout_get_context(layout.get());
+  pango_cairo_context_set_font_options(context, options);
+  cairo_font_options_destroy(options);
+  // We draw in millimetres; Pango would otherwise round glyph positions to whole ones.
+  pango_context_set_round_glyph_positions(context, FALSE);
+  pango_layout_context_changed(layout.get());
+  Font font(pango_font_description_from_string(bold ? "Sans Bold" : "Sans"));
+  pango_font_description_set_absolute_size(font.get(), size * PANGO_SCALE);
+  pango_layout_set_font_description(layout.get(), font.get());
+  pango_layout_set_text(layout.get(), text, -1);
+  if (alignRight) {
+    PangoRectangle logical;
+    pango_layout_get_extents(layout.get(), nullptr, &logical);
+    x -= static_cast<double>(logical.width) / PANGO_SCALE;
+  }
+  setColor(cr, c);
+  cairo_move_to(cr, x, y);
+  pango_cairo_show_layout(cr, layout.get());
+}
+
+// Fine wavy lines in a slightly bluer tone, as security printing has; kept off the code.
+void drawGuilloche(cairo_t* cr) {
+  cairo_save(cr);
+  cairo_rectangle(cr, 0.0, 0.0, kCardWidthMm, kCardHeightMm);
+  cairo_rectangle(cr, kCodeBoxMm.x, kCodeBoxMm.y, kCodeBoxMm.width, kCodeBoxMm.height);
+  cairo_set_fill_rule(cr, CAIRO_FILL_RULE_EVEN_ODD);
+  cairo_clip(cr);
+  setColor(cr, kGuilloche);
+  cairo_set_line_width(cr, 0.12);
+  for (int k = -4; k < 40; ++k) {
+    for (double x = -1.0; x <= kCardWidthMm + 1.0; x += 0.5) {
+      const double y =
+          k * 1.5 + 0.35 * x + 1.1 * std::sin(x / 5.0 + k * 0.45) + 0.5 * std::sin(x / 1.7 + k);
+      if (x == -1.0)
+        cairo_move_to(cr, x, y - 12.0);
+      else
+        cairo_line_to(cr, x, y - 12.0);
+    }
+    cairo_stroke(cr);
+  }
+  cairo_restore(cr);
+}
+
+// A plain head-and-shoulders portrait, drawn in an 18 x 23 box scaled into the photo area.
+void drawPortrait(cairo_t* cr) {
+  cairo_save(cr);
+  cairo_translate(cr, kPhotoMm.x, kPhotoMm.y);
+  cairo_scale(cr, kPhotoMm.width / 18.0, kPhotoMm.height / 23.0);
+  const cv::Rect2d p{0.0, 0.0, 18.0, 23.0};
+  cairo_rectangle(cr, p.x, p.y, p.width, p.height);
+  cairo_clip(cr);
+  // Backdrop with a soft vertical gradient.
+  cairo_pattern_t* backdrop = cairo_pattern_create_linear(0.0, p.y, 0.0, p.y + p.height);
+  cairo_pattern_add_color_stop_rgb(backdrop, 0.0, 150 / 255.0, 164 / 255.0, 180 / 255.0);
+  cairo_pattern_add_color_stop_rgb(backdrop, 1.0, 118 / 255.0, 132 / 255.0, 150 / 255.0);
+  cairo_set_source(cr, backdrop);
+  cairo_paint(cr);
+  cairo_pattern_destroy(backdrop);
+  const double cx = p.x + p.width / 2.0;
+  fillEllipse(cr, cx, p.y + p.height + 1.5, 9.5, 7.5, {58, 62, 84});  // shoulders
+  fillRect(cr, {cx - 2.2, p.y + 13.0, 4.4, 5.0}, {170, 132, 110});    // neck
+  fillEllipse(cr, cx, p.y + 9.2, 5.6, 6.4, {66, 46, 36});             // hair
+  fillEllipse(cr, cx, p.y + 10.6, 4.7, 5.9, {190, 150, 126});         // face
+  fillEllipse(cr, cx - 1.8, p.y + 9.8, 0.75, 0.45, {40, 34, 32});     // eyes
+  fillEllipse(cr, cx + 1.8, p.y + 9.8, 0.75, 0.45, {40, 34, 32});
+  setColor(cr, {120, 70, 66});  // mouth
+  cairo_set_line_width(cr, 0.35);
+  cairo_arc(cr, cx, p.y + 12.2, 1.5, 0.2 * M_PI, 0.8 * M_PI);
+  cairo_stroke(cr);
+  setColor(cr, {150, 112, 96});  // nose
+  cairo_move_to(cr, cx, p.y + 10.2);
+  cairo_line_to(cr, cx - 0.5, p.y + 12.0);
+  cairo_line_to(cr, cx + 0.3, p.y + 12.1);
+  cairo_stroke(cr);
+  cairo_restore(cr);
+}
+
+void drawFields(cairo_t* cr) {
+  struct Field {
+    const char* label;
+    const char* value;
+    double x, y;
+  };
+  const Field fields[] = {
+      {"SURNAME", "DOE", kTextLeftMm, 10.0},
+      {"NATIONALITY", "KWQ", 64.0, 10.0},
+      {"GIVEN NAMES", "JANE ALEXANDRA", kTextLeftMm, 14.8},
+      {"DATE OF BIRTH", "12.03.1988", kTextLeftMm, 19.6},
+      {"SEX", "F", 47.0, 19.6},
+      {"EXPIRY", "30.06.2032", 64.0, 19.6},
+      {"DOCUMENT No.", "K47Q0193552", kTextLeftMm, 24.4},
+  };
+  for (const Field& f : fields) {
+    drawText(cr, f.label, f.x, f.y, 1.3, false, kLabel);
+    drawText(cr, f.value, f.x, f.y + 1.4, 2.4, true, kInk);
+  }
+  // A signature beside the document number.
+  setColor(cr, {40, 52, 110});
+  cairo_set_line_width(cr, 0.28);
+  cairo_move_to(cr, 52.0, 28.8);
+  cairo_curve_to(cr, 54.0, 25.0, 55.0, 30.0, 57.5, 27.0);
+  cairo_curve_to(cr, 59.5, 24.8, 60.5, 29.2, 63.5, 27.2);
+  cairo_curve_to(cr, 65.5, 26.0, 68.0, 28.2, 72.0, 26.6);
+  cairo_stroke(cr);
+}
+
+// The symbol's logical rows: the writer repeats each row a few times to give rows their
+// height, and neighbouring rows of a PDF417 symbol always differ (their row indicators do).
+std::vector<int> logicalRows(const ZXing::BitMatrix& m) {
+  std::vector<int> rows;
+  for (int y = 0; y < m.height(); ++y) {
+    bool same = y > 0;
+    for (int x = 0; same && x < m.width(); ++x) same = m.get(x, y) == m.get(x, y - 1);
+    if (!same) rows.push_back(y);
+  }
+  return rows;
+}
+
+std::optional<ZXing::BitMatrix> encodePdf417(const std::string& text) {
+  if (text.empty()) return std::nullopt;
+  try {
+    ZXing::BitMatrix m = ZXing::MultiFormatWriter(ZXing::BarcodeFormat::PDF417)
+                             .setMargin(0)
+                             .setEncoding(ZXing::CharacterSet::UTF8)
+                             .encode(text, 0, 0);
+    if (m.width() <= 0 || m.height() <= 0) return std::nullopt;
+    return m;
+  } catch (...) {
+    // Too long for one symbol, or text the writer cannot encode: the card goes without.
+    return std::nullopt;
+  }
+}
+
+// Draws the symbol as large as the code box allows with rows kMinRowModules to kMaxRowModules
+// modules high, centred; returns its outline without the quiet zone.
+cv::Rect2d drawCode(cairo_t* cr, const ZXing::BitMatrix& m) {
+  const std::vector<int> rows = logicalRows(m);
+  const double cols = m.width(), nRows = static_cast<double>(rows.size());
+  const double q = kQuietModules;
+  const double module = std::min(kCodeBoxMm.width / (cols + 2.0 * q),
+                                 kCodeBoxMm.height / (nRows * kMinRowModules + 2.0 * q));
+  const double rowHeight =
+      module * std::min(kMaxRowModules, (kCodeBoxMm.height / module - 2.0 * q) / nRows);
+  const cv::Rect2d code{kCodeBoxMm.x + (kCodeBoxMm.width - cols * module) / 2.0,
+                        kCodeBoxMm.y + (kCodeBoxMm.height - nRows * rowHeight) / 2.0, cols * module,
+                        nRows * rowHeight};
+  setColor(cr, kBars);
+  for (size_t r = 0; r < rows.size(); ++r) {
+    for (int x = 0; x < m.width();) {
+      if (!m.get(x, rows[r])) {
+        ++x;
+        continue;
+      }
+      int end = x;
+      while (end < m.width() && m.get(end, rows[r])) ++end;
+      cairo_rectangle(cr, code.x + x * module, code.y + r * rowHeight, (end - x) * module,
+                      rowHeight);
+      x = end;
+    }
+  }
+  cairo_fill(cr);
+  return code;
+}
+
+}  // namespace
+
+CardTexture makeCardTexture(const std::string& codeText, double pixelsPerMm) {
+  const double ppm =
+      std::round(std::clamp(std::isfinite(pixelsPerMm) ? pixelsPerMm : 4.0, 4.0, 24.0));
+  const int cols = static_cast<int>(kCardWidthMm * ppm);
+  const int rows = static_cast<int>(kCardHeightMm * ppm);
+  CardTexture texture;
+  cv::Mat bgra(rows, cols, CV_8UC4, cv::Scalar(kStock.b, kStock.g, kStock.r, 255));
+  {
+    Surface surface(cairo_image_surface_create_for_data(bgra.data, CAIRO_FORMAT_ARGB32, cols, rows,
+                                                        static_cast<int>(bgra.step)));
+    Cairo cr(cairo_create(surface.get()));
+    if (cairo_status(cr.get()) == CAIRO_STATUS_SUCCESS) {
+      cairo_scale(cr.get(), ppm, ppm);
+      drawGuilloche(cr.get());
+      setColor(cr.get(), kBand);
+      cairo_rectangle(cr.get(), kBandMm.x, kBandMm.y, kBandMm.width, kBandMm.height);
+      cairo_fill(cr.get());
+      drawText(cr.get(), "IDENTITY CARD", 4.0, 3.0, 3.4, true, kNavy);
+      drawText(cr.get(), "REPUBLIC OF KWQ", 82.0, 4.0, 2.0, true, kNavy, true);
+      drawPortrait(cr.get());
+      drawFields(cr.get());
+      if (auto code = encodePdf417(codeText)) texture.codeMm = drawCode(cr.get(), *code);
+      cairo_surface_flush(surface.get());
+    }
+  }
+  // Cairo draws premultiplied BGRA; every drawing is opaque over an opaque card, so the
+  // texture stays plain opaque BGRA.
+  texture.levels.push_back(bgra);
+  while (texture.levels.back().cols / 2 >= 64) {
+    const cv::Mat& finer = texture.levels.back();
+    cv::Mat coarser;
+    cv::resize(finer, coarser, cv::Size(finer.cols / 2, finer.rows / 2), 0.0, 0.0, cv::INTER_AREA);
+    texture.levels.push_back(coarser);
+  }
+  return texture;
+}
+
+}  // namespace kwq::platform
