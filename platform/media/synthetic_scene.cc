@@ -6,6 +6,7 @@
 #include <random>
 #include <vector>
 
+#include <opencv2/core/hal/intrin.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "platform/media/synthetic_background.h"
@@ -108,7 +109,7 @@ struct SyntheticScene::Impl {
   bool drawable = false;
   CardTexture card;
   cv::Mat background;  // BGRA, the picture's size
-  std::vector<int8_t> noise;
+  std::vector<uint8_t> noiseUp, noiseDown;
   cv::Mat scratch;  // picture-sized; the card is warped into a part of it
 
   Quad corners(const CardView& view, const cv::Rect2d& r) const {
@@ -135,16 +136,23 @@ SyntheticScene::SyntheticScene(SyntheticSceneOptions options) : impl_(std::make_
     if (sigma > 0.0) {
       std::mt19937_64 rng(mixBits(impl_->options.seed ^ 0x5EED0015Eull));
       std::normal_distribution<double> gauss(0.0, std::min(sigma, 255.0));
-      impl_->noise.resize(kNoiseTableSize);
-      for (int8_t& n : impl_->noise)
-        n = static_cast<int8_t>(std::clamp(std::lround(gauss(rng)), -127L, 127L));
+      // Laid out as BGRA pixels with no noise on alpha, and split into what it adds and what it
+      // takes away, so a row is two saturating byte operations.
+      impl_->noiseUp.assign(kNoiseTableSize, 0);
+      impl_->noiseDown.assign(kNoiseTableSize, 0);
+      for (size_t i = 0; i < kNoiseTableSize; ++i) {
+        if (i % 4 == 3) continue;
+        const long n = std::clamp(std::lround(gauss(rng)), -255L, 255L);
+        (n > 0 ? impl_->noiseUp : impl_->noiseDown)[i] = static_cast<uint8_t>(std::abs(n));
+      }
     }
     impl_->drawable = true;
   } catch (...) {
     // Out of memory in OpenCV or the standard library: the scene renders nothing.
     impl_->card = {};
     impl_->background.release();
-    impl_->noise.clear();
+    impl_->noiseUp.clear();
+    impl_->noiseDown.clear();
   }
 }
 
@@ -254,14 +262,21 @@ void SyntheticScene::Impl::drawCard(const CardView& view, const Quad& q, cv::Mat
 }
 
 void SyntheticScene::Impl::addNoise(uint64_t frameIndex, cv::Mat& out) const {
-  const size_t span = 3 * static_cast<size_t>(out.cols);
+  const size_t span = 4 * static_cast<size_t>(out.cols);
+  const size_t offsets = (kNoiseTableSize - span) / 4;
   for (int y = 0; y < out.rows; ++y) {
     const uint64_t key = mixBits(options.seed ^ mixBits(frameIndex * 0x100000001B3ull + y));
-    const int8_t* n = noise.data() + key % (kNoiseTableSize - span);
+    const uint8_t* up = noiseUp.data() + 4 * (key % offsets);
+    const uint8_t* down = noiseDown.data() + 4 * (key % offsets);
     uint8_t* p = out.ptr<uint8_t>(y);
-    for (int x = 0; x < out.cols; ++x, p += 4, n += 3) {
-      for (int c = 0; c < 3; ++c) p[c] = static_cast<uint8_t>(std::clamp(p[c] + n[c], 0, 255));
+    size_t i = 0;
+#if CV_SIMD128
+    for (; i + cv::v_uint8x16::nlanes <= span; i += cv::v_uint8x16::nlanes) {
+      // Saturating byte arithmetic; only one of up and down is non-zero for any byte.
+      cv::v_store(p + i, cv::v_load(p + i) + cv::v_load(up + i) - cv::v_load(down + i));
     }
+#endif
+    for (; i < span; ++i) p[i] = static_cast<uint8_t>(std::clamp(p[i] + up[i] - down[i], 0, 255));
   }
 }
 
@@ -292,9 +307,12 @@ SyntheticFrameTruth SyntheticScene::render(uint64_t frameIndex,
     const double gain =
         std::clamp(finiteOr(effects.lightGain, 1.0), 0.0, kMaxLightGain) *
         std::max(0.0, 1.0 + drift * std::sin(driftPhase + (d.options.seed % 1000) * 0.001));
-    if (std::abs(gain - 1.0) > 1e-9) cv::multiply(out, cv::Scalar(gain, gain, gain, 1.0), out);
+    if (std::abs(gain - 1.0) > 1e-9) {
+      out.convertTo(out, -1, gain);
+      out |= cv::Scalar(0, 0, 0, 255);  // alpha scaled with the rest; opaque again
+    }
 
-    if (!d.noise.empty()) d.addNoise(frameIndex, out);
+    if (!d.noiseUp.empty()) d.addNoise(frameIndex, out);
   } catch (...) {
     // Only allocation failures can land here; the buffer may hold a partial picture.
   }
