@@ -1,0 +1,292 @@
+#pragma once
+
+// Capture sessions: one camera input feeding a video-data output (frames to a delegate), a
+// still-image output and a metadata output (faces and codes), after the platform's classes.
+//
+// Threads: every method may be called from any thread (configuration normally comes from the
+// host's main thread). Frames reach a video-data output's delegate on the serial queue given
+// with it; metadata objects reach theirs on the queue given with it.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kwqimage/CaptureDevice.h"
+#include "kwqimage/DispatchQueue.h"
+#include "kwqimage/Export.h"
+#include "kwqimage/Geometry.h"
+#include "kwqimage/SampleBuffer.h"
+
+namespace kwq {
+
+/// Session presets, as the platform spells them. High is the camera's best size up to
+/// 1920 x 1080 (synthetic cameras: 1280 x 720; files: their own size).
+inline constexpr std::string_view AVCaptureSessionPresetHigh = "AVCaptureSessionPresetHigh";
+inline constexpr std::string_view AVCaptureSessionPreset1920x1080 =
+    "AVCaptureSessionPreset1920x1080";
+inline constexpr std::string_view AVCaptureSessionPreset1280x720 = "AVCaptureSessionPreset1280x720";
+inline constexpr std::string_view AVCaptureSessionPreset640x480 = "AVCaptureSessionPreset640x480";
+
+/// Metadata object types, as the platform spells them.
+inline constexpr std::string_view AVMetadataObjectTypeFace = "face";
+inline constexpr std::string_view AVMetadataObjectTypePDF417Code = "org.iso.PDF417";
+inline constexpr std::string_view AVMetadataObjectTypeQRCode = "org.iso.QRCode";
+
+/// Something found in a frame. `bounds` is in the frame's normalised coordinates (0..1, origin
+/// at the top left, y down) as delivered, or in layer points once a preview layer has
+/// transformed it.
+struct KWQ_EXPORT MetadataObject {
+  virtual ~MetadataObject();
+  std::string type;
+  Rect bounds;
+  MediaTime time;
+  MediaTime duration;
+};
+
+/// A face; angles in degrees as the platform reports them (coarse steps: roll in multiples of
+/// 30, yaw one of 0, 45, 90, 270, 315).
+struct KWQ_EXPORT MetadataFaceObject : MetadataObject {
+  int64_t faceID = 0;
+  bool hasRollAngle = false;
+  double rollAngle = 0.0;
+  bool hasYawAngle = false;
+  double yawAngle = 0.0;
+};
+
+/// A machine-readable code: its text (none when it could not be decoded as text) and its
+/// corners, in the coordinates of `bounds`, clockwise from the code's own top left.
+struct KWQ_EXPORT MetadataMachineReadableCodeObject : MetadataObject {
+  std::optional<std::string> stringValue;
+  std::vector<Point> corners;
+};
+
+using MetadataObjects = std::vector<std::shared_ptr<const MetadataObject>>;
+
+class CaptureSession;
+class CaptureOutput;
+class VideoDataOutput;
+class MetadataOutput;
+
+/// The link from a session's camera to one output. It exists for as long as the output does
+/// and carries frames while the output's session has a camera input.
+class KWQ_EXPORT CaptureConnection {
+ public:
+  ~CaptureConnection();
+  CaptureConnection(const CaptureConnection&) = delete;
+  CaptureConnection& operator=(const CaptureConnection&) = delete;
+
+  /// AVMediaTypeVideo or AVMediaTypeMetadata.
+  const std::string& mediaType() const;
+  /// A disabled connection delivers nothing to its output. Enabled from the start.
+  bool isEnabled() const;
+  void setEnabled(bool enabled);
+  /// Digital zoom is not offered: the factor is 1.0 and the maximum is 1.0; other values are
+  /// ignored.
+  double videoScaleAndCropFactor() const;
+  void setVideoScaleAndCropFactor(double factor);
+  double videoMaxScaleAndCropFactor() const;
+
+  struct Impl;
+  explicit CaptureConnection(std::shared_ptr<Impl> d);
+  const std::shared_ptr<Impl>& impl() const { return d_; }
+
+ private:
+  std::shared_ptr<Impl> d_;
+};
+
+/// A camera feeding a session.
+class KWQ_EXPORT CaptureDeviceInput {
+ public:
+  /// An input on `device`; null, with a reason in `error` when given, for a null device.
+  static std::shared_ptr<CaptureDeviceInput> deviceInputWithDevice(
+      std::shared_ptr<CaptureDevice> device, std::string* error = nullptr);
+  const std::shared_ptr<CaptureDevice>& device() const { return device_; }
+
+ private:
+  explicit CaptureDeviceInput(std::shared_ptr<CaptureDevice> device) : device_(std::move(device)) {}
+  std::shared_ptr<CaptureDevice> device_;
+};
+
+/// What outputs share: their connection.
+class KWQ_EXPORT CaptureOutput {
+ public:
+  virtual ~CaptureOutput();
+  CaptureOutput(const CaptureOutput&) = delete;
+  CaptureOutput& operator=(const CaptureOutput&) = delete;
+
+  /// The output's connection when it carries `mediaType`, else null.
+  std::shared_ptr<CaptureConnection> connectionWithMediaType(std::string_view mediaType) const;
+  std::vector<std::shared_ptr<CaptureConnection>> connections() const;
+
+ protected:
+  explicit CaptureOutput(std::string_view mediaType);
+  std::shared_ptr<CaptureConnection> connection_;
+};
+
+/// Receives a video-data output's frames.
+class KWQ_EXPORT CaptureVideoDataOutputSampleBufferDelegate {
+ public:
+  virtual ~CaptureVideoDataOutputSampleBufferDelegate();
+  /// One frame, on the output's delegate queue; the sample is borrowed for the call (copy the
+  /// SampleBuffer handle to keep the pixels).
+  virtual void captureOutput(VideoDataOutput& output, const SampleBuffer& sampleBuffer,
+                             CaptureConnection& connection) = 0;
+};
+
+/// Frames to a delegate on a serial queue, in 420f (NV12, full range), 420v (NV12, video
+/// range) or BGRA, at the session preset's size.
+///
+/// With alwaysDiscardsLateVideoFrames on (the default), a frame that arrives while the
+/// delegate is still busy waits in a slot of one: a newer frame replaces it (the older is
+/// dropped), so a slow delegate gets fewer frames, each at most one frame old, never a
+/// backlog. Off, up to 8 frames wait, the oldest dropped beyond that.
+class KWQ_EXPORT VideoDataOutput : public CaptureOutput {
+ public:
+  static std::shared_ptr<VideoDataOutput> create();
+  ~VideoDataOutput() override;
+
+  /// kPixelFormat420f, kPixelFormat420v or kPixelFormatBGRA; others are ignored.
+  void setVideoSettings(uint32_t pixelFormatType);
+  uint32_t pixelFormatType() const;
+  std::vector<uint32_t> availableVideoCVPixelFormatTypes() const;
+  bool alwaysDiscardsLateVideoFrames() const;
+  void setAlwaysDiscardsLateVideoFrames(bool discard);
+  /// The delegate (held weakly) and the serial queue its calls run on. A null delegate or
+  /// queue stops delivery.
+  void setSampleBufferDelegate(std::weak_ptr<CaptureVideoDataOutputSampleBufferDelegate> delegate,
+                               std::shared_ptr<DispatchQueue> queue);
+  std::shared_ptr<DispatchQueue> sampleBufferCallbackQueue() const;
+
+  /// Frames handed to the delegate and frames dropped since the output was made.
+  uint64_t deliveredFrameCount() const;
+  uint64_t droppedFrameCount() const;
+
+  struct Impl;
+  const std::shared_ptr<Impl>& impl() const { return d_; }
+
+ private:
+  VideoDataOutput();
+  std::shared_ptr<Impl> d_;
+};
+
+/// Full-resolution stills from the running session.
+class KWQ_EXPORT StillImageOutput : public CaptureOutput {
+ public:
+  /// Receives the still, or an error text and a null sample.
+  using CompletionHandler = std::function<void(const SampleBuffer& imageSampleBuffer,
+                                               const std::optional<std::string>& error)>;
+
+  static std::shared_ptr<StillImageOutput> create();
+  ~StillImageOutput() override;
+
+  /// The stills' pixel format: kPixelFormatBGRA (the default), 420f or 420v; others ignored.
+  void setOutputSettings(uint32_t pixelFormatType);
+  uint32_t outputPixelFormatType() const;
+  /// Takes the next frame the camera delivers after the call (firing the flash first when
+  /// the device's flash mode asks for it) in the output settings' format, and calls `handler`
+  /// on a thread of the global queue. Errors: the connection is not this output's or is
+  /// disabled, the session is not running, no frame came within 3 seconds.
+  void captureStillImageAsynchronouslyFromConnection(
+      const std::shared_ptr<CaptureConnection>& connection, CompletionHandler handler);
+
+  struct Impl;
+  const std::shared_ptr<Impl>& impl() const { return d_; }
+
+ private:
+  StillImageOutput();
+  std::shared_ptr<Impl> d_;
+};
+
+/// Receives a metadata output's objects.
+class KWQ_EXPORT CaptureMetadataOutputObjectsDelegate {
+ public:
+  virtual ~CaptureMetadataOutputObjectsDelegate();
+  /// Objects found in one frame, on the output's delegate queue; called for every frame with
+  /// objects and once with an empty list when they are gone.
+  virtual void captureOutput(MetadataOutput& output, const MetadataObjects& metadataObjects,
+                             CaptureConnection& connection) = 0;
+};
+
+/// Faces and codes found in the session's frames.
+///
+/// Available types are face, PDF417 and QR once the output belongs to a session, none before.
+/// Requested types that are not available are left out (the platform would raise).
+class KWQ_EXPORT MetadataOutput : public CaptureOutput {
+ public:
+  static std::shared_ptr<MetadataOutput> create();
+  ~MetadataOutput() override;
+
+  std::vector<std::string> availableMetadataObjectTypes() const;
+  std::vector<std::string> metadataObjectTypes() const;
+  void setMetadataObjectTypes(const std::vector<std::string>& types);
+  void setMetadataObjectsDelegate(std::weak_ptr<CaptureMetadataOutputObjectsDelegate> delegate,
+                                  std::shared_ptr<DispatchQueue> queue);
+
+  struct Impl;
+  const std::shared_ptr<Impl>& impl() const { return d_; }
+
+ private:
+  MetadataOutput();
+  std::shared_ptr<Impl> d_;
+};
+
+/// One camera and its outputs.
+///
+/// Inputs: one camera at a time. Outputs: one of each kind. Changes made while running take
+/// effect at once, or at commitConfiguration() inside a configuration transaction. A running
+/// session without a camera input delivers nothing. A camera that fails while running (a file
+/// that stops decoding, an unplugged webcam) is logged and delivers nothing more; the session
+/// still counts as running until stopRunning().
+class KWQ_EXPORT CaptureSession {
+ public:
+  static std::shared_ptr<CaptureSession> create();
+  ~CaptureSession();
+  CaptureSession(const CaptureSession&) = delete;
+  CaptureSession& operator=(const CaptureSession&) = delete;
+
+  /// AVCaptureSessionPresetHigh by default.
+  std::string sessionPreset() const;
+  /// One of the presets above that the current camera can film; others ignored.
+  bool canSetSessionPreset(std::string_view preset) const;
+  void setSessionPreset(std::string_view preset);
+
+  std::vector<std::shared_ptr<CaptureDeviceInput>> inputs() const;
+  /// False for null, for an input already in the session, while the session has a camera
+  /// input, and for a camera that cannot film the current preset.
+  bool canAddInput(const std::shared_ptr<CaptureDeviceInput>& input) const;
+  void addInput(const std::shared_ptr<CaptureDeviceInput>& input);
+  void removeInput(const std::shared_ptr<CaptureDeviceInput>& input);
+
+  std::vector<std::shared_ptr<CaptureOutput>> outputs() const;
+  /// False for null, for an output in this or another session, and for a second output of the
+  /// same kind.
+  bool canAddOutput(const std::shared_ptr<CaptureOutput>& output) const;
+  void addOutput(const std::shared_ptr<CaptureOutput>& output);
+  void removeOutput(const std::shared_ptr<CaptureOutput>& output);
+
+  /// Groups changes: a running session applies them once, at the outermost commit.
+  void beginConfiguration();
+  void commitConfiguration();
+
+  /// Starts filming and returns once the camera runs (or has failed, which is logged; the
+  /// session then counts as running without frames). Does nothing while running.
+  void startRunning();
+  /// Stops filming and returns once the camera has stopped: no frame reaches an output after
+  /// this returns, and frames waiting for a busy delegate are dropped; a delegate call already
+  /// under way on its queue finishes. Does nothing while stopped.
+  void stopRunning();
+  bool isRunning() const;
+
+  struct Impl;
+  const std::shared_ptr<Impl>& impl() const { return d_; }
+
+ private:
+  CaptureSession();
+  std::shared_ptr<Impl> d_;
+};
+
+}  // namespace kwq
