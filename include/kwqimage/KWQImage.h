@@ -15,3 +15,11 @@
 #include "kwqimage/KWQImageDictionary.h"
 #include "kwqimage/KWQImagingHelperClass.h"
 #include "kwqimage/SampleBuffer.h"
+
+// The capture engine, its capture layer, layers and queues.
+#include "kwqimage/CaptureDevice.h"
+#include "kwqimage/CaptureSession.h"
+#include "kwqimage/DispatchQueue.h"
+#include "kwqimage/KWQVideoHelper.h"
+#include "kwqimage/KWQVideoHelperDelegate.h"
+#include "kwqimage/Layer.h"

@@ -666,8 +666,11 @@ bool CaptureSession::canAddOutput(const std::shared_ptr<CaptureOutput>& output) 
   withAttachment(*output, [&](auto& a) { attached = a != nullptr; });
   if (attached) return false;
   std::lock_guard lock(d_->mutex);
-  for (auto& existing : d_->outputs)
-    if (typeid(*existing) == typeid(*output)) return false;
+  const CaptureOutput& added = *output;
+  for (auto& existing : d_->outputs) {
+    const CaptureOutput& present = *existing;
+    if (typeid(present) == typeid(added)) return false;
+  }
   return true;
 }
 

@@ -1,0 +1,199 @@
+#pragma once
+
+// The capture engine: one camera session with a video-data output (frames to the delegate),
+// a still output, a metadata output (faces and codes), a preview layer and its overlays.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kwqimage/CaptureDevice.h"
+#include "kwqimage/CaptureSession.h"
+#include "kwqimage/Export.h"
+#include "kwqimage/Geometry.h"
+#include "kwqimage/KWQVideoHelperDelegate.h"
+#include "kwqimage/Layer.h"
+
+namespace kwq {
+
+/// The capture engine.
+///
+/// Use: create(), set the delegate and options, take previewLayer() into the host's view,
+/// startVideoCapture(); stopVideoCapture() when done. Start and stop may be repeated.
+///
+/// Threads: configuration, device controls and layers from the host's main thread (the thread
+/// that runs GLib's default main context; the host must run or pump it, see DispatchQueue).
+/// Frames reach the engine, and the delegate's frame callback runs, on the serial queue
+/// "VideoDataOutputQueue"; the session starts on a serial queue labelled
+/// "com.kwqimage.videoCaptureQueue"; metadata (faces, codes) arrive on the main queue. Every
+/// accessor may be called from any thread: the engine's fields are individually guarded, and a
+/// value read from another queue may be one update old, as the engine's design accepts.
+///
+/// Ownership: the engine is shared (queued work holds it until it has run); it owns its
+/// session, outputs and layers; it holds its delegate weakly. Dropping the last handle while
+/// frames are in flight is safe: the engine goes when the last queued block has run.
+///
+/// Nothing here throws; what cannot be done (no camera, no torch, a refused lock) is skipped.
+class KWQ_EXPORT KWQVideoHelper : public CaptureVideoDataOutputSampleBufferDelegate,
+                                  public CaptureMetadataOutputObjectsDelegate,
+                                  public std::enable_shared_from_this<KWQVideoHelper> {
+ public:
+  /// The engine with preset High, the front camera (position 2), gravity ResizeAspect and
+  /// pixel format 420f. Null only when memory runs out.
+  static std::shared_ptr<KWQVideoHelper> create();
+  /// The designated initialiser (initWithAVCaptureSessionPreset:devicePosition:
+  /// previewVideoGravity:pixelFormat:): builds the session on the first camera of the device
+  /// list at `devicePosition` (none: the session has no camera and films nothing), then turns
+  /// face and PDF417 metadata on. Null only when memory runs out.
+  static std::shared_ptr<KWQVideoHelper> create(std::string_view sessionPreset,
+                                                int64_t devicePosition,
+                                                std::string_view previewVideoGravity,
+                                                uint32_t pixelFormat);
+  ~KWQVideoHelper() override;
+  KWQVideoHelper(const KWQVideoHelper&) = delete;
+  KWQVideoHelper& operator=(const KWQVideoHelper&) = delete;
+
+  /// Starts the recorder when recordCameraData() is on, then starts the session on the
+  /// session queue (asynchronously).
+  void startVideoCapture();
+  /// Stops the recorder when recordCameraData() is on, then stops the session on the calling
+  /// thread. A start still queued on the session queue runs first, so a stop never overtakes
+  /// the start it follows. Stopping a stopped engine does nothing.
+  void stopVideoCapture();
+
+  // Device controls, on the caller's thread (see the device's lock rules).
+
+  /// The camera's flash mode; 0 (off) for a camera without flash.
+  int64_t flashMode() const;
+  void setFlashMode(int64_t flashMode);
+  /// The camera's auto-focus range restriction; 0 (none) where it cannot be restricted.
+  int64_t autoFocusRange() const;
+  /// Changes the range where supported and only when the lock succeeds.
+  void setAutoFocusRange(int64_t autoFocusRange);
+  /// One auto-focus pass (mode 1), where supported and the lock succeeds.
+  void autoFocusCamera();
+  /// Continuous auto-focus (mode 2), where supported and the lock succeeds.
+  void autoFocusContinuousCamera();
+  /// Torch on at `level` when 0 < level <= AVCaptureMaxAvailableTorchLevel and the camera has
+  /// a torch; other levels are ignored, never clamped.
+  void enableTorchWithLevel(float level);
+  void disableTorch();
+
+  // Options.
+
+  bool showCenterBox() const;
+  /// Stores the flag, detaches the centre box, and re-attaches it on top of the preview's
+  /// sublayers when the flag is on. Main thread.
+  void setShowCenterBox(bool showCenterBox);
+  bool showBarcodeBoundingBox() const;
+  void setShowBarcodeBoundingBox(bool show);
+  bool showFaceBoundingBox() const;
+  void setShowFaceBoundingBox(bool show);
+  double minHeadSize() const;
+  void setMinHeadSize(double minHeadSize);
+  double maxHeadSize() const;
+  void setMaxHeadSize(double maxHeadSize);
+  /// Stores the maximum, then the minimum; no check that min <= max.
+  void setMinHeadSize(double minHeadSize, double maxHeadSize);
+  bool shouldDetectCardRect() const;
+  void setShouldDetectCardRect(bool detect);
+  bool recordCameraData() const;
+  void setRecordCameraData(bool record);
+
+  // Metadata types: the support switches read whether metaObjects() holds their type and set
+  // it through UpdateAVCaptureMetadataOutput().
+
+  bool faceFindSupport() const;
+  void setFaceFindSupport(bool support);
+  bool pdf417Support() const;
+  void setPdf417Support(bool support);
+  bool qrCodeSupport() const;
+  void setQrCodeSupport(bool support);
+  /// Adds (`enabled`) or removes a metadata type, creating the metadata output on first use.
+  /// Ignored while the session runs; types the output does not offer are never added.
+  void UpdateAVCaptureMetadataOutput(std::string_view metadataObjectType, bool enabled);
+  /// The requested metadata types, in the order they were enabled.
+  std::vector<std::string> metaObjects() const;
+
+  // Results of the face, barcode and card steps.
+
+  bool hasYawAngle() const;
+  void setHasYawAngle(bool has);
+  bool hasRollAngle() const;
+  void setHasRollAngle(bool has);
+  bool isHeadCentered() const;
+  void setIsHeadCentered(bool centered);
+  double yawAngle() const;
+  void setYawAngle(double angle);
+  double rollAngle() const;
+  void setRollAngle(double angle);
+  Rect faceRect() const;
+  void setFaceRect(Rect rect);
+  /// The latest barcode text; none before any was read.
+  std::optional<std::string> parsedData() const;
+  void setParsedData(std::optional<std::string> text);
+  Rect barcodeRect() const;
+  void setBarcodeRect(Rect rect);
+  int32_t consecutiveDetectionFrames() const;
+  void setConsecutiveDetectionFrames(int32_t frames);
+  double cardDetectionThreshold() const;
+  void setCardDetectionThreshold(double threshold);
+  Rect cardRect() const;
+  void setCardRect(Rect rect);
+  Point cardCenter() const;
+  void setCardCenter(Point center);
+
+  // The delegate.
+
+  std::shared_ptr<KWQVideoHelperDelegate> delegate() const;
+  void setDelegate(std::weak_ptr<KWQVideoHelperDelegate> delegate);
+
+  // Capture objects and layers the engine owns.
+
+  std::shared_ptr<CaptureSession> session() const;
+  /// The camera in use; null when none was found for the position.
+  std::shared_ptr<CaptureDevice> device() const;
+  void setDevice(std::shared_ptr<CaptureDevice> device);
+  std::shared_ptr<VideoDataOutput> videoDataOutput() const;
+  std::shared_ptr<StillImageOutput> stillImageOutput() const;
+  /// Null until the first UpdateAVCaptureMetadataOutput() (the initialiser makes it).
+  std::shared_ptr<MetadataOutput> metaOutput() const;
+  std::shared_ptr<PreviewLayer> previewLayer() const;
+  /// The centre box: a shape layer, border 3.0 red; attached to the preview while
+  /// showCenterBox() is on.
+  std::shared_ptr<Layer> centerLayer() const;
+  void setCenterLayer(std::shared_ptr<Layer> layer);
+  /// The face box; null until a face is tracked.
+  std::shared_ptr<Layer> primaryLayer() const;
+  void setPrimaryLayer(std::shared_ptr<Layer> layer);
+  /// The barcode outline layer: the engine never makes one; a host assigns it.
+  std::shared_ptr<ShapeLayer> barcodeLineLayer() const;
+  void setBarcodeLineLayer(std::shared_ptr<ShapeLayer> layer);
+  /// Face box layers by face id.
+  std::map<int64_t, std::shared_ptr<Layer>> avfFaceLayers() const;
+
+  // Capture callbacks.
+
+  /// A video frame, on "VideoDataOutputQueue".
+  void captureOutput(VideoDataOutput& output, const SampleBuffer& sampleBuffer,
+                     CaptureConnection& connection) override;
+  /// Faces and codes found in a frame, on the main queue.
+  void captureOutput(MetadataOutput& output, const MetadataObjects& metadataObjects,
+                     CaptureConnection& connection) override;
+
+  struct State;
+  /// The engine's fields, for the engine's own source files.
+  State& state() const { return *d_; }
+
+ private:
+  KWQVideoHelper();
+  void setupAVCapture(std::string_view sessionPreset, int64_t devicePosition,
+                      std::string_view previewVideoGravity, uint32_t pixelFormat);
+  std::unique_ptr<State> d_;
+};
+
+}  // namespace kwq

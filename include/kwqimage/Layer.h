@@ -1,0 +1,206 @@
+#pragma once
+
+// A small retained layer model, after the platform's layers: the preview, the centre box, the
+// face box and the barcode outline hang in one tree. Layers are plain objects that describe
+// what to draw; a renderer draws a tree. Use a tree from one thread at a time, normally the
+// main thread (the capture engine posts its layer changes to the main queue).
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "kwqimage/Color.h"
+#include "kwqimage/Export.h"
+#include "kwqimage/Geometry.h"
+
+namespace kwq {
+
+class CaptureSession;
+struct MetadataObject;
+
+/// A 4 x 4 transform of a layer in space, row-vector convention as the platform's (m41, m42,
+/// m43 translate).
+struct KWQ_EXPORT Transform3D {
+  double m[4][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
+
+  static Transform3D identity() { return {}; }
+  /// A rotation by `angle` radians about the axis (x, y, z); the identity for a zero axis.
+  static Transform3D makeRotation(double angle, double x, double y, double z);
+  bool isIdentity() const { return *this == identity(); }
+  friend bool operator==(const Transform3D&, const Transform3D&) = default;
+};
+
+/// Lines and their points. Each subpath starts with a move; lines add points to it.
+struct KWQ_EXPORT Path {
+  std::vector<std::vector<Point>> subpaths;
+
+  void moveTo(Point p);
+  /// Adds a line to `p`; without a current subpath it starts one at `p`.
+  void addLineTo(Point p);
+  /// Appends the other path's subpaths.
+  void addPath(const Path& other);
+  bool isEmpty() const { return subpaths.empty(); }
+  /// The smallest rectangle holding every point; the null rectangle for an empty path.
+  Rect boundingBox() const;
+  friend bool operator==(const Path&, const Path&) = default;
+};
+
+/// A value an animation moves a property to.
+using AnimationValue = std::variant<std::monostate, double, Point, Rect, Color, Transform3D>;
+
+/// An animation of one layer property from its value (or `fromValue`) to `toValue`.
+struct KWQ_EXPORT BasicAnimation {
+  static BasicAnimation animationWithKeyPath(std::string keyPath);
+
+  std::string keyPath;
+  AnimationValue fromValue;
+  AnimationValue toValue;
+  double duration = 0.25;  ///< seconds, one way
+  bool autoreverses = false;
+  float repeatCount = 0.0f;
+  /// Set when the animation is added to a layer.
+  std::chrono::steady_clock::time_point beginTime{};
+};
+
+/// A rectangle in its superlayer's coordinates with a border, a background and sublayers.
+///
+/// `frame` places the layer in its superlayer; `bounds` is the layer's own coordinate space,
+/// origin (0, 0) and the frame's size unless set. Sublayers are drawn in order, the last on top.
+class KWQ_EXPORT Layer : public std::enable_shared_from_this<Layer> {
+ public:
+  static std::shared_ptr<Layer> layer();
+  virtual ~Layer();
+  Layer(const Layer&) = delete;
+  Layer& operator=(const Layer&) = delete;
+
+  Rect frame() const { return frame_; }
+  /// Sets the frame; the bounds take its size (their origin stays).
+  void setFrame(Rect frame);
+  Rect bounds() const { return bounds_; }
+  /// Sets the bounds; the frame takes their size (its origin stays).
+  void setBounds(Rect bounds);
+
+  double borderWidth() const { return borderWidth_; }
+  void setBorderWidth(double width) { borderWidth_ = width; }
+  /// Opaque black by default, as the platform's.
+  Color borderColor() const { return borderColor_; }
+  void setBorderColor(Color color) { borderColor_ = color; }
+  /// None (transparent) by default.
+  std::optional<Color> backgroundColor() const { return backgroundColor_; }
+  void setBackgroundColor(std::optional<Color> color) { backgroundColor_ = color; }
+  double cornerRadius() const { return cornerRadius_; }
+  void setCornerRadius(double radius) { cornerRadius_ = radius; }
+  float opacity() const { return opacity_; }
+  void setOpacity(float opacity) { opacity_ = opacity; }
+  bool masksToBounds() const { return masksToBounds_; }
+  void setMasksToBounds(bool masks) { masksToBounds_ = masks; }
+  bool isHidden() const { return hidden_; }
+  void setHidden(bool hidden) { hidden_ = hidden; }
+  Transform3D transform() const { return transform_; }
+  void setTransform(const Transform3D& transform) { transform_ = transform; }
+
+  const std::vector<std::shared_ptr<Layer>>& sublayers() const { return sublayers_; }
+  std::shared_ptr<Layer> superlayer() const { return superlayer_.lock(); }
+  /// Appends `layer` on top, taking it from its old superlayer; a layer already here moves to
+  /// the top. Null, the layer itself and its ancestors are ignored (no cycles).
+  void addSublayer(const std::shared_ptr<Layer>& layer);
+  /// Inserts at `index` (clamped to the end), taking it from its old superlayer.
+  void insertSublayer(const std::shared_ptr<Layer>& layer, size_t index);
+  /// Detaches the layer from its superlayer; nothing when it has none.
+  void removeFromSuperlayer();
+
+  /// Adds (or replaces) the animation under `key`, stamping its begin time.
+  void addAnimation(BasicAnimation animation, const std::string& key);
+  std::optional<BasicAnimation> animationForKey(const std::string& key) const;
+  void removeAnimationForKey(const std::string& key);
+  void removeAllAnimations();
+  std::vector<std::string> animationKeys() const;
+
+ protected:
+  Layer() = default;
+
+ private:
+  Rect frame_;
+  Rect bounds_;
+  double borderWidth_ = 0.0;
+  Color borderColor_ = Color::blackColor();
+  std::optional<Color> backgroundColor_;
+  double cornerRadius_ = 0.0;
+  float opacity_ = 1.0f;
+  bool masksToBounds_ = false;
+  bool hidden_ = false;
+  Transform3D transform_;
+  std::vector<std::shared_ptr<Layer>> sublayers_;
+  std::weak_ptr<Layer> superlayer_;
+  std::map<std::string, BasicAnimation> animations_;
+};
+
+/// A layer that draws a path: filled (black by default) and stroked (not by default).
+class KWQ_EXPORT ShapeLayer : public Layer {
+ public:
+  static std::shared_ptr<ShapeLayer> layer();
+
+  const Path& path() const { return path_; }
+  void setPath(Path path) { path_ = std::move(path); }
+  std::optional<Color> fillColor() const { return fillColor_; }
+  void setFillColor(std::optional<Color> color) { fillColor_ = color; }
+  std::optional<Color> strokeColor() const { return strokeColor_; }
+  void setStrokeColor(std::optional<Color> color) { strokeColor_ = color; }
+  double lineWidth() const { return lineWidth_; }
+  void setLineWidth(double width) { lineWidth_ = width; }
+
+ protected:
+  ShapeLayer() = default;
+
+ private:
+  Path path_;
+  std::optional<Color> fillColor_ = Color::blackColor();
+  std::optional<Color> strokeColor_;
+  double lineWidth_ = 1.0;
+};
+
+/// How the preview fits the video into its bounds.
+inline constexpr std::string_view AVLayerVideoGravityResizeAspect =
+    "AVLayerVideoGravityResizeAspect";
+inline constexpr std::string_view AVLayerVideoGravityResizeAspectFill =
+    "AVLayerVideoGravityResizeAspectFill";
+inline constexpr std::string_view AVLayerVideoGravityResize = "AVLayerVideoGravityResize";
+
+/// Shows a session's video. The front camera's picture is shown mirrored, like a mirror.
+class KWQ_EXPORT PreviewLayer : public Layer {
+ public:
+  static std::shared_ptr<PreviewLayer> layerWithSession(std::shared_ptr<CaptureSession> session);
+
+  std::shared_ptr<CaptureSession> session() const { return session_; }
+  void setSession(std::shared_ptr<CaptureSession> session) { session_ = std::move(session); }
+  /// ResizeAspect by default; unknown names are ignored.
+  const std::string& videoGravity() const { return videoGravity_; }
+  void setVideoGravity(std::string_view gravity);
+
+  /// True while the session's camera is a front camera.
+  bool isMirrored() const;
+  /// Where the video lies in the layer's bounds (for ResizeAspectFill it extends past them);
+  /// the null rectangle without a session or before the video's size is known.
+  Rect videoRect() const;
+
+  /// A copy of a metadata object with its bounds (and a code's corners) moved from the
+  /// frame's normalised coordinates into this layer's points, honouring the gravity and the
+  /// mirroring; a mirrored face's roll and yaw angles turn the other way (360 - angle). Null
+  /// without a session or before the video's size is known.
+  std::shared_ptr<MetadataObject> transformedMetadataObjectForMetadataObject(
+      const MetadataObject& object) const;
+
+ protected:
+  PreviewLayer() = default;
+
+ private:
+  std::shared_ptr<CaptureSession> session_;
+  std::string videoGravity_{AVLayerVideoGravityResizeAspect};
+};
+
+}  // namespace kwq
