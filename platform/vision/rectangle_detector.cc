@@ -1,11 +1,16 @@
 // The rectangle detector over OpenCV.
 //
-// Edges are found on a reduced "work" copy of the gray picture: Canny, a one-pixel dilation
-// that closes the small gaps which texture and noise leave in an outline, then every contour
-// of the edge map. A contour becomes a candidate when its convex hull is, within a few per
-// cent of its area, a convex quadrilateral with sensible angles; rounded corners (cards) fall
-// inside that tolerance. Candidates are merged, refined on the full picture (High accuracy)
-// and ranked by area times closeness to the aspect-ratio hint.
+// Edges are found on a reduced "work" copy of the gray picture: Canny, then a one-pixel
+// dilation that closes the small gaps texture and noise leave in an outline, then every
+// contour of the edge map. Candidates come two ways:
+//  - closed outlines: a contour whose convex hull is, within a few per cent of its area, a
+//    convex quadrilateral with sensible angles (rounded card corners fall inside that);
+//  - lines: where clutter touches an outline from outside and print from inside, no contour
+//    is the outline, but its sides remain straight runs of contours. Runs are gathered into
+//    lines, and four lines whose quadrilateral's sides are mostly covered by edge, and do not
+//    run on past its corners, make a candidate.
+// Repeats are merged; the leaders are refined on the full picture (High accuracy) and ranked
+// by area, by how much of the outline the edges show and by closeness to the aspect-ratio hint.
 
 #include "platform/vision/rectangle_detector.h"
 
@@ -24,6 +29,11 @@
 namespace kwq::platform {
 namespace {
 
+// Canny's hysteresis thresholds on the blurred work picture: low enough for a light card on a
+// light desk (a step of some 15 gray levels), high enough that wood grain and paper texture
+// mostly stay below (every weak edge costs time in the hysteresis and the contour walk).
+constexpr double kCannyLow = 20;
+constexpr double kCannyHigh = 50;
 // Nothing smaller than this on a side can hold a rectangle worth reporting.
 constexpr int kMinFrameSide = 16;
 // Long side of the picture edges are searched in, per accuracy; larger pictures are reduced.
@@ -44,6 +54,8 @@ constexpr double kFlatRatioTolerance = 0.25;
 constexpr double kPerspectiveRatioTolerance = 0.15;
 // Ranking: a shape differing from the hint by this much in log ratio counts half.
 constexpr double kRatioRankScale = 0.15;
+// Longest lines that may make up quads (by length of edge along them).
+constexpr size_t kMaxLines = 32;
 
 using Corners = std::array<cv::Point2d, 4>;  // round the outline, top-left origin, pixel centres
 
@@ -51,6 +63,7 @@ struct Candidate {
   Corners p;
   double area = 0;
   double score = 0;
+  double support = 1;  // share of the outline the edges show
 };
 
 double cross(cv::Point2d a, cv::Point2d b) {
@@ -203,6 +216,20 @@ void refine(const cv::Mat& gray, double reach, Corners& p) {
   p = out;
 }
 
+// True when a side of `p` lies along an edge of the picture: that is the frame cutting an
+// object off (or noise at the frame's edge), not an outline.
+bool sideAlongEdge(const Corners& p, cv::Size work) {
+  constexpr double kMargin = 3.0;
+  const double right = work.width - 1 - kMargin, bottom = work.height - 1 - kMargin;
+  for (int i = 0; i < 4; ++i) {
+    const cv::Point2d a = p[i], b = p[(i + 1) % 4];
+    if ((a.x <= kMargin && b.x <= kMargin) || (a.y <= kMargin && b.y <= kMargin) ||
+        (a.x >= right && b.x >= right) || (a.y >= bottom && b.y >= bottom))
+      return true;
+  }
+  return false;
+}
+
 // The convex quadrilateral a contour outlines, in work-picture pixel centres; false when the
 // contour is not one.
 bool quadOfContour(const std::vector<cv::Point>& contour, double minArea, cv::Size work,
@@ -225,14 +252,7 @@ bool quadOfContour(const std::vector<cv::Point>& contour, double minArea, cv::Si
   if (std::abs(cv::contourArea(poly)) < kMinQuadFill * hullArea) return false;
   for (int i = 0; i < 4; ++i) (*quad)[i] = cv::Point2d(poly[i].x, poly[i].y);
   if (!anglesPlausible(*quad)) return false;
-  // A side lying along the picture's edge is the frame cutting an object off, not an outline.
-  for (int i = 0; i < 4; ++i) {
-    const cv::Point a = poly[i], b = poly[(i + 1) % 4];
-    const int right = work.width - 1, bottom = work.height - 1;
-    if ((a.x <= 1 && b.x <= 1) || (a.y <= 1 && b.y <= 1) ||
-        (a.x >= right - 1 && b.x >= right - 1) || (a.y >= bottom - 1 && b.y >= bottom - 1))
-      return false;
-  }
+  return !sideAlongEdge(*quad, work);
   return true;
 }
 
@@ -246,17 +266,227 @@ bool sameQuad(const Corners& a, const Corners& b, double tolerance) {
   return true;
 }
 
-// One edge pass: contours of the dilated Canny edges of `blurred`, appended to `quads`.
-void edgePass(const cv::Mat& blurred, double low, double high, double minArea,
-              std::vector<Corners>& quads) {
+// A straight run of an edge contour, in work-picture pixels.
+struct Segment {
+  cv::Point2d a, b;
+  double length = 0;
+};
+
+// The straight runs of at least `minLength` along a contour. Where clutter touches an outline
+// the contour wanders off into it, but the outline's sides stay straight runs of the contour.
+// Runs along the picture's edge are skipped: contours of edges cut off by the frame follow
+// its first and last rows and columns.
+void collectSegments(const std::vector<cv::Point>& contour, double minLength, cv::Size work,
+                     std::vector<Segment>& out) {
+  const cv::Rect box = cv::boundingRect(contour);
+  if (std::max(box.width, box.height) < minLength) return;
+  std::vector<cv::Point> poly;
+  cv::approxPolyDP(contour, poly, 1.5, true);
+  const int right = work.width - 4, bottom = work.height - 4;
+  for (size_t i = 0; i < poly.size(); ++i) {
+    const cv::Point a = poly[i], b = poly[(i + 1) % poly.size()];
+    if ((a.x <= 3 && b.x <= 3) || (a.y <= 3 && b.y <= 3) || (a.x >= right && b.x >= right) ||
+        (a.y >= bottom && b.y >= bottom))
+      continue;
+    const double length = cv::norm(cv::Point2d(b - a));
+    if (length >= minLength) out.push_back({a, b, length});
+  }
+}
+
+// Collinear segments gathered into one line, with the stretches of it they cover.
+struct Line {
+  cv::Point2d dir, normal;
+  double offset = 0;                             // normal . x on the line
+  std::vector<std::pair<double, double>> spans;  // along dir (dir . x), merged, sorted
+  double covered = 0;
+  std::vector<const Segment*> members;
+
+  // Length of the stretch [t0, t1] (in dir . x) that segments cover.
+  double coverage(double t0, double t1) const {
+    if (t0 > t1) std::swap(t0, t1);
+    double sum = 0;
+    for (const auto& [a, b] : spans) sum += std::max(0.0, std::min(b, t1) - std::max(a, t0));
+    return sum;
+  }
+
+  // Fits the line to its members' ends (weighted by length, so the long runs decide) and
+  // records the stretches they cover.
+  void settle() {
+    double w = 0, mx = 0, my = 0;
+    for (const Segment* s : members) {
+      w += 2 * s->length;
+      mx += (s->a.x + s->b.x) * s->length;
+      my += (s->a.y + s->b.y) * s->length;
+    }
+    mx /= w;
+    my /= w;
+    double sxx = 0, sxy = 0, syy = 0;
+    for (const Segment* s : members)
+      for (const cv::Point2d& p : {s->a, s->b}) {
+        sxx += (p.x - mx) * (p.x - mx) * s->length;
+        sxy += (p.x - mx) * (p.y - my) * s->length;
+        syy += (p.y - my) * (p.y - my) * s->length;
+      }
+    const double angle = 0.5 * std::atan2(2 * sxy, sxx - syy);
+    cv::Point2d d(std::cos(angle), std::sin(angle));
+    if (d.dot(dir) < 0) d = -d;
+    dir = d;
+    normal = cv::Point2d(-dir.y, dir.x);
+    offset = normal.dot(cv::Point2d(mx, my));
+    spans.clear();
+    for (const Segment* s : members) {
+      const double t0 = dir.dot(s->a), t1 = dir.dot(s->b);
+      spans.emplace_back(std::min(t0, t1), std::max(t0, t1));
+    }
+    std::sort(spans.begin(), spans.end());
+    std::vector<std::pair<double, double>> merged;
+    for (const auto& span : spans) {
+      if (!merged.empty() && span.first <= merged.back().second)
+        merged.back().second = std::max(merged.back().second, span.second);
+      else
+        merged.push_back(span);
+    }
+    spans = std::move(merged);
+    covered = 0;
+    for (const auto& [a, b] : spans) covered += b - a;
+  }
+};
+
+// Groups segments into lines: a segment joins a line when it runs within a few degrees of it
+// and both its ends lie within four pixels (the two sides of one dilated edge do).
+std::vector<Line> gatherLines(std::vector<Segment>& segments, size_t keep) {
+  constexpr size_t kMaxLines = 400;
+  const double maxSin = std::sin(3.0 * CV_PI / 180.0);
+  constexpr double kMaxOffset = 4.0;
+  std::sort(segments.begin(), segments.end(),
+            [](const Segment& x, const Segment& y) { return x.length > y.length; });
+  std::vector<Line> lines;
+  lines.reserve(kMaxLines);
+  for (const Segment& s : segments) {
+    const cv::Point2d dir = (s.b - s.a) / s.length;
+    Line* home = nullptr;
+    for (Line& l : lines) {
+      if (std::abs(cross(dir, l.dir)) <= maxSin &&
+          std::abs(l.normal.dot(s.a) - l.offset) <= kMaxOffset &&
+          std::abs(l.normal.dot(s.b) - l.offset) <= kMaxOffset) {
+        home = &l;
+        break;
+      }
+    }
+    if (!home) {
+      if (lines.size() >= kMaxLines) continue;
+      Line l;
+      l.dir = dir;
+      l.normal = cv::Point2d(-dir.y, dir.x);
+      l.offset = l.normal.dot(s.a);
+      lines.push_back(std::move(l));
+      home = &lines.back();
+    }
+    home->members.push_back(&s);
+  }
+  for (Line& l : lines) l.settle();
+  std::sort(lines.begin(), lines.end(),
+            [](const Line& x, const Line& y) { return x.covered > y.covered; });
+  if (lines.size() > keep) lines.resize(keep);
+  return lines;
+}
+
+bool intersect(const Line& l1, const Line& l2, cv::Point2d* at) {
+  // Solve n1 . x = o1, n2 . x = o2.
+  const double det = l1.normal.x * l2.normal.y - l1.normal.y * l2.normal.x;
+  if (std::abs(det) < 1e-9) return false;
+  *at = cv::Point2d((l1.offset * l2.normal.y - l2.offset * l1.normal.y) / det,
+                    (l1.normal.x * l2.offset - l2.normal.x * l1.offset) / det);
+  return true;
+}
+
+// A candidate outline and how much of it the edges show (1 for a closed contour).
+struct Found {
+  Corners p;
+  double support = 1;
+};
+
+// Quads whose four sides lie on four of `lines` and are mostly covered by edge segments: the
+// outlines that clutter touching the object breaks out of any single contour.
+void lineQuads(const std::vector<Line>& lines, double minArea, double minSide, cv::Size work,
+               std::vector<Found>& out) {
+  constexpr double kMinSideCoverage = 0.5;
+  constexpr double kMinCoverage = 0.7;
+  constexpr double kOvershootWindow = 0.1;
+  constexpr double kMaxOvershoot = 0.5;
+  const double parallelSin = std::sin(30.0 * CV_PI / 180.0);
+  const double crossCos = std::cos(kMinAngleDeg * CV_PI / 180.0);
+  std::vector<std::pair<size_t, size_t>> pairs;  // roughly opposite sides
+  for (size_t i = 0; i < lines.size(); ++i)
+    for (size_t j = i + 1; j < lines.size(); ++j) {
+      if (std::abs(cross(lines[i].dir, lines[j].dir)) > parallelSin) continue;
+      // Apart by at least a side, measured from the middle of the first line's edge.
+      const Line& a = lines[i];
+      const double mid = 0.5 * (a.spans.front().first + a.spans.back().second);
+      const cv::Point2d middle = a.dir * mid + a.normal * a.offset;
+      if (std::abs(lines[j].normal.dot(middle) - lines[j].offset) < minSide) continue;
+      pairs.emplace_back(i, j);
+    }
+  const cv::Rect2d frame(0, 0, work.width - 1, work.height - 1);
+  for (size_t u = 0; u < pairs.size(); ++u)
+    for (size_t v = u + 1; v < pairs.size(); ++v) {
+      const auto [i, j] = pairs[u];
+      const auto [k, l] = pairs[v];
+      if (i == k || i == l || j == k || j == l) continue;
+      if (std::abs(lines[i].dir.dot(lines[k].dir)) > crossCos) continue;
+      // Round the outline: i meets k, k meets j, j meets l, l meets i.
+      Corners q;
+      if (!intersect(lines[i], lines[k], &q[0]) || !intersect(lines[k], lines[j], &q[1]) ||
+          !intersect(lines[j], lines[l], &q[2]) || !intersect(lines[l], lines[i], &q[3]))
+        continue;
+      bool inside = true;
+      for (const cv::Point2d& c : q) inside = inside && frame.contains(c);
+      if (!inside || sideAlongEdge(q, work)) continue;
+      const double area = signedArea(q);
+      if (std::abs(area) < minArea) continue;
+      bool convex = true;
+      for (int c = 0; c < 4 && convex; ++c)
+        convex = cross(q[(c + 1) % 4] - q[c], q[(c + 2) % 4] - q[(c + 1) % 4]) * area > 0;
+      if (!convex || !anglesPlausible(q)) continue;
+      const Line* side[4] = {&lines[k], &lines[j], &lines[l], &lines[i]};  // q[c] to q[c + 1]
+      double covered = 0, perimeter = 0, overshoot = 0;
+      bool sidesShown = true;
+      for (int c = 0; c < 4 && sidesShown; ++c) {
+        const Line& line = *side[c];
+        const cv::Point2d a = q[c], b = q[(c + 1) % 4];
+        const double length = cv::norm(b - a);
+        const double ta = line.dir.dot(a), tb = line.dir.dot(b);
+        const double shown = line.coverage(ta, tb);
+        sidesShown = length >= minSide && shown >= kMinSideCoverage * length;
+        covered += shown;
+        perimeter += length;
+        // An outline's sides end at its corners. A side whose edge runs on past a corner
+        // meets the other side in a T or a cross: lines of two different things (a frame
+        // and the print inside it, a grid's rows and columns).
+        const double reach = std::max(4.0, kOvershootWindow * length);
+        const double out = ta < tb ? -reach : reach;
+        overshoot = std::max(
+            {overshoot, line.coverage(ta + out, ta) / reach, line.coverage(tb, tb - out) / reach});
+      }
+      if (!sidesShown || covered < kMinCoverage * perimeter || overshoot > kMaxOvershoot) continue;
+      out.push_back({q, covered / perimeter * (1.0 - overshoot)});
+    }
+}
+
+// One edge pass: Canny edges of `blurred`, dilated by a pixel; closed outlines go to `found`,
+// straight runs to `segments`.
+void edgePass(const cv::Mat& blurred, double minArea, double minLength, std::vector<Found>& found,
+              std::vector<Segment>& segments) {
   cv::Mat edges;
-  cv::Canny(blurred, edges, low, high, 3, true);
+  cv::Canny(blurred, edges, kCannyLow, kCannyHigh, 3, true);
   cv::dilate(edges, edges, cv::Mat());
   std::vector<std::vector<cv::Point>> contours;
   cv::findContours(edges, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
   Corners quad;
-  for (const auto& contour : contours)
-    if (quadOfContour(contour, minArea, blurred.size(), &quad)) quads.push_back(quad);
+  for (const auto& contour : contours) {
+    if (quadOfContour(contour, minArea, blurred.size(), &quad)) found.push_back({quad, 1.0});
+    collectSegments(contour, minLength, blurred.size(), segments);
+  }
 }
 
 class OpenCVRectangleDetector final : public RectangleDetector {
@@ -345,37 +575,38 @@ class OpenCVRectangleDetector final : public RectangleDetector {
     cv::Mat blurred;
     cv::GaussianBlur(work, blurred, cv::Size(5, 5), 0);
     const double minArea = kMinAreaFraction * work.cols * work.rows;
-    std::vector<Corners> quads;
-    edgePass(blurred, 40, 100, minArea, quads);
-    if (high) edgePass(blurred, 15, 40, minArea, quads);
+    const double minSide = std::sqrt(minArea / 2.5);
+    const double minLength = std::max(10.0, 0.4 * minSide);
+    std::vector<Found> found;
+    std::vector<Segment> segments;
+    edgePass(blurred, minArea, minLength, found, segments);
+    lineQuads(gatherLines(segments, kMaxLines), minArea, minSide, work.size(), found);
 
     // Work-picture pixel centres to full-picture pixel centres.
-    for (Corners& q : quads)
-      for (cv::Point2d& c : q) c = cv::Point2d((c.x + 0.5) * sx - 0.5, (c.y + 0.5) * sy - 0.5);
+    for (Found& f : found)
+      for (cv::Point2d& c : f.p) c = cv::Point2d((c.x + 0.5) * sx - 0.5, (c.y + 0.5) * sy - 0.5);
 
-    // Both sides of a dilated edge and both passes find the same outline: keep the largest.
-    std::sort(quads.begin(), quads.end(), [](const Corners& a, const Corners& b) {
-      return std::abs(signedArea(a)) > std::abs(signedArea(b));
-    });
-    const double reach = std::max(sx, sy) * 1.5 + 1.0;
+    // Rank, then drop repeats of an outline (both sides of a dilated edge, both passes, closed
+    // contours and lines find the same ones): the best-ranked copy stays.
     const cv::Point2d centre((gray.cols - 1) * 0.5, (gray.rows - 1) * 0.5);
-    std::vector<Candidate> kept;
-    for (Corners& q : quads) {
-      const double area = std::abs(signedArea(q));
-      const double tolerance = reach + 0.03 * std::sqrt(area);
-      bool seen = false;
-      for (const Candidate& k : kept) seen = seen || sameQuad(k.p, q, tolerance);
-      if (seen) continue;
-      Candidate c{q, area, area};
-      if (high) {
-        refine(gray, reach, c.p);
-        c.area = std::abs(signedArea(c.p));
-      }
-      if (!rank(c, centre)) continue;
-      kept.push_back(c);
+    std::vector<Candidate> ranked;
+    for (const Found& f : found) {
+      Candidate c{f.p, std::abs(signedArea(f.p)), 0, f.support};
+      if (rank(c, centre, 1.5)) ranked.push_back(c);
     }
-    std::stable_sort(kept.begin(), kept.end(),
-                     [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
+    const double reach = std::max(sx, sy) * 1.5 + 1.0;
+    std::vector<Candidate> kept = distinct(std::move(ranked), reach);
+    // Only the leaders are refined and ranked again; refining moves corners by a pixel or two,
+    // which can reorder near neighbours but not lift the tail.
+    const size_t leaders = static_cast<size_t>(options_.maxFeatureCount) + 4;
+    if (kept.size() > leaders) kept.resize(leaders);
+    std::vector<Candidate> refined;
+    for (Candidate c : kept) {
+      if (high) refine(gray, reach, c.p);
+      c.area = std::abs(signedArea(c.p));
+      if (rank(c, centre, 1.0)) refined.push_back(c);
+    }
+    kept = distinct(std::move(refined), reach);
     if (kept.size() > static_cast<size_t>(options_.maxFeatureCount))
       kept.resize(static_cast<size_t>(options_.maxFeatureCount));
     std::vector<RectangleFeature> out;
@@ -384,10 +615,25 @@ class OpenCVRectangleDetector final : public RectangleDetector {
     return out;
   }
 
-  // Scores a candidate by area and closeness to the aspect-ratio hint; false when the hint's
-  // test rejects it.
-  bool rank(Candidate& c, cv::Point2d centre) const {
-    c.score = c.area;
+  // Sorts by score, best first, and keeps the first of every group of near-identical quads.
+  static std::vector<Candidate> distinct(std::vector<Candidate> all, double reach) {
+    std::stable_sort(all.begin(), all.end(),
+                     [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
+    std::vector<Candidate> kept;
+    for (const Candidate& c : all) {
+      const double tolerance = reach + 0.03 * std::sqrt(c.area);
+      bool seen = false;
+      for (const Candidate& k : kept) seen = seen || sameQuad(k.p, c.p, tolerance);
+      if (!seen) kept.push_back(c);
+    }
+    return kept;
+  }
+
+  // Scores a candidate by area, closeness to the aspect-ratio hint and how much of its
+  // outline the edges show; false when the hint's test (its tolerance widened by `slack`)
+  // rejects it.
+  bool rank(Candidate& c, cv::Point2d centre, double slack) const {
+    c.score = c.area * c.support * c.support;
     if (!(options_.aspectRatio > 0)) return true;
     const double hint = std::max(options_.aspectRatio, 1.0 / options_.aspectRatio);
     const bool perspective = options_.focalLength > 0;
@@ -397,10 +643,10 @@ class OpenCVRectangleDetector final : public RectangleDetector {
     const double off = std::abs(std::log(ratio / hint));
     if (options_.focalLength >= 0) {
       const double tolerance = perspective ? kPerspectiveRatioTolerance : kFlatRatioTolerance;
-      if (off > std::log(1.0 + tolerance)) return false;
+      if (off > std::log(1.0 + tolerance * slack)) return false;
     }
     const double d = off / kRatioRankScale;
-    c.score = c.area / (1.0 + d * d);
+    c.score /= 1.0 + d * d;
     return true;
   }
 

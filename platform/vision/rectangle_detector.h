@@ -18,11 +18,12 @@ namespace kwq::platform {
 
 /// How hard the detector looks.
 enum class RectangleAccuracy : uint8_t {
-  /// Fast: one edge pass on a copy reduced to a long side of at most 400 pixels; corners as
+  /// Fast: edges searched on a copy reduced to a long side of at most 400 pixels; corners as
   /// found there (a few pixels off on large frames).
   Low,
-  /// Thorough: two edge passes on a copy whose long side is at most 640, and every side of a
-  /// found quadrilateral re-fitted on the full picture, so corners land within about a pixel.
+  /// Thorough: edges searched on a copy whose long side is at most 640, and every side of the
+  /// leading quadrilaterals re-fitted on the full picture, so corners land within about a
+  /// pixel of the sharp corners the sides span (rounded corners are cut off).
   High,
 };
 
