@@ -195,10 +195,10 @@ void SyntheticScene::Impl::drawCard(const CardView& view, const Quad& q, cv::Mat
     minY = std::min(minY, p.y);
     maxY = std::max(maxY, p.y);
   }
-  const int x0 = static_cast<int>(std::max(0.0, std::floor(minX) - 1.0));
-  const int y0 = static_cast<int>(std::max(0.0, std::floor(minY) - 1.0));
-  const int x1 = static_cast<int>(std::min<double>(out.cols, std::ceil(maxX) + 1.0));
-  const int y1 = static_cast<int>(std::min<double>(out.rows, std::ceil(maxY) + 1.0));
+  // The box one pixel beyond the card, clipped to the picture before any integer conversion.
+  auto clip = [](double v, int limit) { return static_cast<int>(std::clamp(v, 0.0, 1.0 * limit)); };
+  const int x0 = clip(std::floor(minX) - 1.0, out.cols), x1 = clip(std::ceil(maxX) + 1.0, out.cols);
+  const int y0 = clip(std::floor(minY) - 1.0, out.rows), y1 = clip(std::ceil(maxY) + 1.0, out.rows);
   if (x1 <= x0 || y1 <= y0) return;
 
   // Coarsest level that still has a texel per screen pixel along the card's longest edges.
@@ -302,11 +302,10 @@ SyntheticFrameTruth SyntheticScene::render(uint64_t frameIndex,
     if (blur >= 0.05) cv::GaussianBlur(out, out, cv::Size(), blur, blur, cv::BORDER_REFLECT_101);
 
     const double drift = finiteOr(d.options.exposureDrift, 0.0);
-    const double driftPhase = 2.0 * kPi * static_cast<double>(frameIndex % kDriftPeriodFrames) /
-                              static_cast<double>(kDriftPeriodFrames);
-    const double gain =
-        std::clamp(finiteOr(effects.lightGain, 1.0), 0.0, kMaxLightGain) *
-        std::max(0.0, 1.0 + drift * std::sin(driftPhase + (d.options.seed % 1000) * 0.001));
+    const double seedPhase = static_cast<double>(mixBits(d.options.seed) % 1024) / 1024.0;
+    const double cycle = static_cast<double>(frameIndex % kDriftPeriodFrames) / kDriftPeriodFrames;
+    const double exposure = std::max(0.0, 1.0 + drift * std::sin(2.0 * kPi * (cycle + seedPhase)));
+    const double gain = std::clamp(finiteOr(effects.lightGain, 1.0), 0.0, kMaxLightGain) * exposure;
     if (std::abs(gain - 1.0) > 1e-9) {
       out.convertTo(out, -1, gain);
       out |= cv::Scalar(0, 0, 0, 255);  // alpha scaled with the rest; opaque again
