@@ -573,7 +573,10 @@ class OpenCVRectangleDetector final : public RectangleDetector {
     const double sy = static_cast<double>(gray.rows) / work.rows;
 
     cv::Mat blurred;
-    cv::GaussianBlur(work, blurred, cv::Size(5, 5), 0);
+    // Low's smaller copy is smoothed more by the reduction itself; more blur there would
+    // erase thin outlines (a printed card's hairline border).
+    const int kernel = high ? 5 : 3;
+    cv::GaussianBlur(work, blurred, cv::Size(kernel, kernel), 0);
     const double minArea = kMinAreaFraction * work.cols * work.rows;
     const double minSide = std::sqrt(minArea / 2.5);
     const double minLength = std::max(10.0, 0.4 * minSide);
