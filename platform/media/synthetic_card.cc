@@ -217,19 +217,34 @@ std::optional<ZXing::BitMatrix> encodePdf417(const std::string& text) {
   }
 }
 
-// Draws the symbol as large as the code box allows with rows kMinRowModules to kMaxRowModules
-// modules high, centred; returns its outline without the quiet zone.
-cv::Rect2d drawCode(cairo_t* cr, const ZXing::BitMatrix& m) {
-  const std::vector<int> rows = logicalRows(m);
-  const double cols = m.width(), nRows = static_cast<double>(rows.size());
+// Where the symbol goes: as large as the code box allows with rows kMinRowModules to
+// kMaxRowModules modules high, centred. The outline leaves out the quiet zone.
+struct CodePlacement {
+  std::vector<int> rows;  // the matrix rows that start the symbol's rows
+  double module = 0.0, rowHeight = 0.0;
+  cv::Rect2d outline;
+};
+
+CodePlacement placeCode(const ZXing::BitMatrix& m) {
+  CodePlacement p;
+  p.rows = logicalRows(m);
+  const double cols = m.width(), nRows = static_cast<double>(p.rows.size());
   const double q = kQuietModules;
-  const double module = std::min(kCodeBoxMm.width / (cols + 2.0 * q),
-                                 kCodeBoxMm.height / (nRows * kMinRowModules + 2.0 * q));
-  const double rowHeight =
-      module * std::min(kMaxRowModules, (kCodeBoxMm.height / module - 2.0 * q) / nRows);
-  const cv::Rect2d code{kCodeBoxMm.x + (kCodeBoxMm.width - cols * module) / 2.0,
-                        kCodeBoxMm.y + (kCodeBoxMm.height - nRows * rowHeight) / 2.0, cols * module,
-                        nRows * rowHeight};
+  p.module = std::min(kCodeBoxMm.width / (cols + 2.0 * q),
+                      kCodeBoxMm.height / (nRows * kMinRowModules + 2.0 * q));
+  p.rowHeight =
+      p.module * std::min(kMaxRowModules, (kCodeBoxMm.height / p.module - 2.0 * q) / nRows);
+  p.outline = {kCodeBoxMm.x + (kCodeBoxMm.width - cols * p.module) / 2.0,
+               kCodeBoxMm.y + (kCodeBoxMm.height - nRows * p.rowHeight) / 2.0, cols * p.module,
+               nRows * p.rowHeight};
+  return p;
+}
+
+cv::Rect2d drawCode(cairo_t* cr, const ZXing::BitMatrix& m) {
+  const CodePlacement place = placeCode(m);
+  const std::vector<int>& rows = place.rows;
+  const double module = place.module, rowHeight = place.rowHeight;
+  const cv::Rect2d& code = place.outline;
   setColor(cr, kBars);
   for (size_t r = 0; r < rows.size(); ++r) {
     for (int x = 0; x < m.width();) {
@@ -249,6 +264,11 @@ cv::Rect2d drawCode(cairo_t* cr, const ZXing::BitMatrix& m) {
 }
 
 }  // namespace
+
+cv::Rect2d codeOutlineMm(const std::string& codeText) {
+  const auto code = encodePdf417(codeText);
+  return code ? placeCode(*code).outline : cv::Rect2d();
+}
 
 CardTexture makeCardTexture(const std::string& codeText, double pixelsPerMm) {
   const double ppm =

@@ -25,6 +25,10 @@ struct CardTexture {
   bool hasCode() const { return codeMm.width > 0.0 && codeMm.height > 0.0; }
 };
 
+/// Where the PDF417 symbol carrying `codeText` sits on the card (what makeCardTexture puts in
+/// codeMm), without drawing anything; zero size when the card would carry no code.
+cv::Rect2d codeOutlineMm(const std::string& codeText);
+
 /// Draws the card at `pixelsPerMm` (clamped to 4..24) with a PDF417 symbol carrying
 /// `codeText`, and builds coarser levels down to about 64 texels wide.
 /// Throws only what OpenCV's allocator throws; the writer's refusals leave the code out.

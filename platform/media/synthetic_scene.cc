@@ -106,7 +106,10 @@ void rowSpan(const Edges& e, double y, double margin, double limit, double& lo, 
 
 struct SyntheticScene::Impl {
   SyntheticSceneOptions options;
-  bool drawable = false;
+  bool drawable = false;  // a size we draw
+  cv::Rect2d codeMm;      // where the card's code sits; empty without one
+  // Drawn on the first render, so scenes asked only for their truth cost next to nothing.
+  enum class Pictures { NotYet, Ready, Failed } pictures = Pictures::NotYet;
   CardTexture card;
   cv::Mat background;  // BGRA, the picture's size
   std::vector<uint8_t> noiseUp, noiseDown;
@@ -118,42 +121,55 @@ struct SyntheticScene::Impl {
             project(view.cardToPicture, {r.x, r.y + r.height})};
   }
 
+  bool preparePictures();
   void drawCard(const CardView& view, const Quad& q, cv::Mat& out);
   void addNoise(uint64_t frameIndex, cv::Mat& out) const;
 };
 
 SyntheticScene::SyntheticScene(SyntheticSceneOptions options) : impl_(std::make_unique<Impl>()) {
   impl_->options = std::move(options);
-  const size_t w = impl_->options.width, h = impl_->options.height;
-  if (!drawableSize(w, h)) return;
+  impl_->drawable = drawableSize(impl_->options.width, impl_->options.height);
+  if (impl_->drawable && impl_->options.showCard) {
+    try {
+      impl_->codeMm = codeOutlineMm(impl_->options.codeText);
+    } catch (...) {
+      impl_->drawable = false;  // out of memory already
+    }
+  }
+}
+
+bool SyntheticScene::Impl::preparePictures() {
+  if (pictures != Pictures::NotYet) return pictures == Pictures::Ready;
   try {
+    const size_t w = options.width, h = options.height;
     const double ref = std::min<double>(static_cast<double>(w), 1.8 * static_cast<double>(h));
     // Fine enough that the card is never magnified much (it is at most about 0.75 ref wide).
-    if (impl_->options.showCard)
-      impl_->card = makeCardTexture(impl_->options.codeText, 0.8 * ref / kCardWidthMm);
-    impl_->background = makeBackground(w, h, impl_->options.seed);
-    const double sigma = finiteOr(impl_->options.noiseSigma, 0.0);
+    if (options.showCard) card = makeCardTexture(options.codeText, 0.8 * ref / kCardWidthMm);
+    background = makeBackground(w, h, options.seed);
+    const double sigma = finiteOr(options.noiseSigma, 0.0);
     if (sigma > 0.0) {
-      std::mt19937_64 rng(mixBits(impl_->options.seed ^ 0x5EED0015Eull));
+      std::mt19937_64 rng(mixBits(options.seed ^ 0x5EED0015Eull));
       std::normal_distribution<double> gauss(0.0, std::min(sigma, 255.0));
       // Laid out as BGRA pixels with no noise on alpha, and split into what it adds and what it
       // takes away, so a row is two saturating byte operations.
-      impl_->noiseUp.assign(kNoiseTableSize, 0);
-      impl_->noiseDown.assign(kNoiseTableSize, 0);
+      noiseUp.assign(kNoiseTableSize, 0);
+      noiseDown.assign(kNoiseTableSize, 0);
       for (size_t i = 0; i < kNoiseTableSize; ++i) {
         if (i % 4 == 3) continue;
         const long n = std::clamp(std::lround(gauss(rng)), -255L, 255L);
-        (n > 0 ? impl_->noiseUp : impl_->noiseDown)[i] = static_cast<uint8_t>(std::abs(n));
+        (n > 0 ? noiseUp : noiseDown)[i] = static_cast<uint8_t>(std::abs(n));
       }
     }
-    impl_->drawable = true;
+    pictures = Pictures::Ready;
   } catch (...) {
-    // Out of memory in OpenCV or the standard library: the scene renders nothing.
-    impl_->card = {};
-    impl_->background.release();
-    impl_->noiseUp.clear();
-    impl_->noiseDown.clear();
+    // Out of memory in OpenCV or the standard library: the scene renders nothing from now on.
+    card = {};
+    background.release();
+    noiseUp.clear();
+    noiseDown.clear();
+    pictures = Pictures::Failed;
   }
+  return pictures == Pictures::Ready;
 }
 
 SyntheticScene::~SyntheticScene() = default;
@@ -166,7 +182,7 @@ SyntheticFrameTruth SyntheticScene::truth(uint64_t frameIndex) const {
   SyntheticFrameTruth truth;
   truth.frameIndex = frameIndex;
   const Impl& d = *impl_;
-  if (!d.drawable || !d.options.showCard || d.card.levels.empty()) return truth;
+  if (!d.drawable || !d.options.showCard) return truth;
   const double w = static_cast<double>(d.options.width), h = static_cast<double>(d.options.height);
   const CardView view = cardViewAt(d.options.seed, frameIndex, d.options.width, d.options.height);
   const Quad card = d.corners(view, {0.0, 0.0, kCardWidthMm, kCardHeightMm});
@@ -176,8 +192,8 @@ SyntheticFrameTruth SyntheticScene::truth(uint64_t frameIndex) const {
   truth.cardFullyVisible = std::all_of(card.begin(), card.end(), [&](const cv::Point2d& p) {
     return p.x >= 0.0 && p.x <= w && p.y >= 0.0 && p.y <= h;
   });
-  if (d.card.hasCode()) {
-    const Quad code = d.corners(view, d.card.codeMm);
+  if (d.codeMm.area() > 0.0) {
+    const Quad code = d.corners(view, d.codeMm);
     for (int i = 0; i < 4; ++i) truth.codeCorners[i] = {code[i].x, code[i].y};
     truth.codeText = d.options.codeText;
   }
@@ -286,11 +302,11 @@ SyntheticFrameTruth SyntheticScene::render(uint64_t frameIndex,
   SyntheticFrameTruth truth = this->truth(frameIndex);
   Impl& d = *impl_;
   const size_t w = d.options.width, h = d.options.height;
-  if (!d.drawable || bgra == nullptr || bytesPerRow < 4 * w) return truth;
+  if (!d.drawable || bgra == nullptr || bytesPerRow < 4 * w || !d.preparePictures()) return truth;
   try {
     cv::Mat out(static_cast<int>(h), static_cast<int>(w), CV_8UC4, bgra, bytesPerRow);
     d.background.copyTo(out);
-    if (truth.cardVisible) {
+    if (truth.cardVisible && !d.card.levels.empty()) {
       const CardView view = cardViewAt(d.options.seed, frameIndex, w, h);
       const Quad q = d.corners(view, {0.0, 0.0, kCardWidthMm, kCardHeightMm});
       d.drawCard(view, q, out);

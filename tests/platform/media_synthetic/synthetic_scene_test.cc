@@ -87,6 +87,9 @@ TEST(SyntheticSceneTruth, CardPixelsLieWhereTheTruthPutsThem) {
     };
     check(kInsideMm, true);
     check(kOutsideMm, false);
+    double brightest;
+    cv::minMaxLoc(gray, nullptr, &brightest);
+    EXPECT_LT(brightest, 200) << i;  // the two-pi focus measure skips blocks reaching 200
   }
   EXPECT_GT(fullFrames, 50);
   EXPECT_GT(partialFrames, 0);
@@ -147,7 +150,7 @@ TEST(SyntheticSceneTruth, AspectIsTheCardsWhenSquareOnAndDepartsWhenTilted) {
     const double off = std::abs(detectorAspect(t.cardCorners, 720) - kCardAspect);
     if (t.cardTiltDegrees < 1.0) square.push_back(off);
     if (t.cardTiltDegrees > 18.0) tilted.push_back(off);
-    EXPECT_LT(t.cardTiltDegrees, 27.0);
+    EXPECT_LT(t.cardTiltDegrees, 25.0);
   }
   ASSERT_GE(square.size(), 2u);
   ASSERT_GE(tilted.size(), 20u);
