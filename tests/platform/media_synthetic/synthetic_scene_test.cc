@@ -5,6 +5,7 @@
 #define ZX_USE_UTF8
 #include <ZXing/ReadBarcode.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <vector>
