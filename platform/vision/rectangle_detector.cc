@@ -230,6 +230,50 @@ bool sideAlongEdge(const Corners& p, cv::Size work) {
   return false;
 }
 
+// Moves the corners of a quad approximating `hull` to the crossings of its sides' lines. The
+// quad's vertices are hull points; on a rounded corner they sit on the arc, several pixels
+// inside the corner the sides span. The longest hull edge between two vertices lies on that
+// side itself, so the lines through those edges meet at the sharp corners.
+void sharpenCorners(const std::vector<cv::Point>& hull, const std::vector<cv::Point>& poly,
+                    Corners* quad) {
+  const size_t n = hull.size();
+  std::array<size_t, 4> at{};
+  for (size_t i = 0; i < 4; ++i) {
+    const auto it = std::find(hull.begin(), hull.end(), poly[i]);
+    if (it == hull.end()) return;
+    at[i] = static_cast<size_t>(it - hull.begin());
+  }
+  std::array<std::pair<cv::Point2d, cv::Point2d>, 4> sides;  // a point and a direction
+  for (size_t i = 0; i < 4; ++i) {
+    cv::Point2d a = poly[i], b = poly[(i + 1) % 4];
+    const double chord = cv::norm(b - a);
+    double longest = 0;
+    for (size_t k = at[i]; k != at[(i + 1) % 4]; k = (k + 1) % n) {
+      const cv::Point2d p = hull[k], q = hull[(k + 1) % n];
+      if (cv::norm(q - p) > longest) {
+        longest = cv::norm(q - p);
+        a = p;
+        b = q;
+      }
+    }
+    if (longest < 0.3 * chord) return;
+    sides[i] = {a, (b - a) / cv::norm(b - a)};
+  }
+  Corners sharp;
+  for (size_t i = 0; i < 4; ++i) {
+    const auto& [p1, d1] = sides[(i + 3) % 4];
+    const auto& [p2, d2] = sides[i];
+    const double den = cross(d1, d2);
+    if (std::abs(den) < 1e-6) return;
+    sharp[i] = p1 + d1 * (cross(p2 - p1, d2) / den);
+    if (cv::norm(sharp[i] - (*quad)[i]) >
+        0.2 * std::min(sideLength(*quad, static_cast<int>(i)),
+                       sideLength(*quad, (static_cast<int>(i) + 3) % 4)))
+      return;
+  }
+  *quad = sharp;
+}
+
 // The convex quadrilateral a contour outlines, in work-picture pixel centres; false when the
 // contour is not one.
 bool quadOfContour(const std::vector<cv::Point>& contour, double minArea, cv::Size work,
@@ -252,7 +296,8 @@ bool quadOfContour(const std::vector<cv::Point>& contour, double minArea, cv::Si
   if (std::abs(cv::contourArea(poly)) < kMinQuadFill * hullArea) return false;
   for (int i = 0; i < 4; ++i) (*quad)[i] = cv::Point2d(poly[i].x, poly[i].y);
   if (!anglesPlausible(*quad)) return false;
-  return !sideAlongEdge(*quad, work);
+  if (sideAlongEdge(*quad, work)) return false;
+  sharpenCorners(hull, poly, quad);
   return true;
 }
 
@@ -427,21 +472,31 @@ void lineQuads(const std::vector<Line>& lines, double minArea, double minSide, c
       if (std::abs(lines[j].normal.dot(middle) - lines[j].offset) < minSide) continue;
       pairs.emplace_back(i, j);
     }
+  // Where two lines could meet at a corner: crossing steeply enough, inside the picture.
+  const size_t n = lines.size();
   const cv::Rect2d frame(0, 0, work.width - 1, work.height - 1);
+  std::vector<cv::Point2d> crossing(n * n);
+  std::vector<uint8_t> corner(n * n, 0);
+  for (size_t i = 0; i < n; ++i)
+    for (size_t k = i + 1; k < n; ++k) {
+      cv::Point2d at;
+      if (std::abs(lines[i].dir.dot(lines[k].dir)) > crossCos ||
+          !intersect(lines[i], lines[k], &at) || !frame.contains(at))
+        continue;
+      crossing[i * n + k] = crossing[k * n + i] = at;
+      corner[i * n + k] = corner[k * n + i] = 1;
+    }
   for (size_t u = 0; u < pairs.size(); ++u)
     for (size_t v = u + 1; v < pairs.size(); ++v) {
       const auto [i, j] = pairs[u];
       const auto [k, l] = pairs[v];
-      if (i == k || i == l || j == k || j == l) continue;
-      if (std::abs(lines[i].dir.dot(lines[k].dir)) > crossCos) continue;
       // Round the outline: i meets k, k meets j, j meets l, l meets i.
-      Corners q;
-      if (!intersect(lines[i], lines[k], &q[0]) || !intersect(lines[k], lines[j], &q[1]) ||
-          !intersect(lines[j], lines[l], &q[2]) || !intersect(lines[l], lines[i], &q[3]))
+      if (i == k || i == l || j == k || j == l || !corner[i * n + k] || !corner[k * n + j] ||
+          !corner[j * n + l] || !corner[l * n + i])
         continue;
-      bool inside = true;
-      for (const cv::Point2d& c : q) inside = inside && frame.contains(c);
-      if (!inside || sideAlongEdge(q, work)) continue;
+      const Corners q = {crossing[i * n + k], crossing[k * n + j], crossing[j * n + l],
+                         crossing[l * n + i]};
+      if (sideAlongEdge(q, work)) continue;
       const double area = signedArea(q);
       if (std::abs(area) < minArea) continue;
       bool convex = true;
@@ -601,11 +656,12 @@ class OpenCVRectangleDetector final : public RectangleDetector {
     std::vector<Candidate> kept = distinct(std::move(ranked), reach);
     // Only the leaders are refined and ranked again; refining moves corners by a pixel or two,
     // which can reorder near neighbours but not lift the tail.
-    const size_t leaders = static_cast<size_t>(options_.maxFeatureCount) + 4;
+    const size_t leaders = static_cast<size_t>(options_.maxFeatureCount) + 2;
     if (kept.size() > leaders) kept.resize(leaders);
     std::vector<Candidate> refined;
     for (Candidate c : kept) {
-      if (high) refine(gray, reach, c.p);
+      if (high)
+        for (int pass = 0; pass < 2; ++pass) refine(gray, reach, c.p);
       c.area = std::abs(signedArea(c.p));
       if (rank(c, centre, 1.0)) refined.push_back(c);
     }
