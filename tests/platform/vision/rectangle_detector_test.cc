@@ -1,0 +1,283 @@
+#include "platform/vision/rectangle_detector.h"
+
+#include <array>
+#include <cmath>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "capture/card_detection.h"
+#include "platform/media/synthetic_motion.h"
+#include "platform/media/synthetic_scene.h"
+#include "support/test_support.h"
+
+namespace kwq::platform {
+namespace {
+
+using Quad = std::array<cv::Point2d, 4>;  // top left, top right, bottom right, bottom left
+
+// A feature's corners as one reads them off the picture (top-left origin, y down).
+Quad seen(const RectangleFeature& f, double height) {
+  auto down = [&](Point p) { return cv::Point2d(p.x, height - p.y); };
+  return {down(f.topLeft), down(f.topRight), down(f.bottomRight), down(f.bottomLeft)};
+}
+
+double cornerError(const RectangleFeature& f, double height, const Quad& expected) {
+  const Quad q = seen(f, height);
+  double worst = 0;
+  for (size_t i = 0; i < 4; ++i) worst = std::max(worst, cv::norm(q[i] - expected[i]));
+  return worst;
+}
+
+// True when some feature has the expected corners, label for label, within `tolerance`.
+bool finds(const std::vector<RectangleFeature>& features, double height, const Quad& expected,
+           double tolerance) {
+  for (const RectangleFeature& f : features)
+    if (cornerError(f, height, expected) <= tolerance) return true;
+  return false;
+}
+
+RectangleDetectorOptions plain(RectangleAccuracy accuracy = RectangleAccuracy::High) {
+  return {accuracy, 0.0, -1.0, 8};
+}
+
+Image imageOf(const cv::Mat& bgra) {
+  return Image::copyFromBytes(PixelLayout::BGRA32Premultiplied, bgra.cols, bgra.rows, bgra.step[0],
+                              bgra.data);
+}
+
+PixelBuffer bgraBuffer(const cv::Mat& bgra) {
+  PixelBuffer b = PixelBuffer::allocate(kPixelFormatBGRA, bgra.cols, bgra.rows);
+  b.lockBaseAddress();
+  for (int y = 0; y < bgra.rows; ++y)
+    std::copy_n(bgra.ptr(y), bgra.cols * 4, b.baseAddressOfPlane(0) + y * b.bytesPerRowOfPlane(0));
+  b.unlockBaseAddress();
+  return b;
+}
+
+// Bi-planar 4:2:0 with full-range BT.601 luma worked out here, grey chroma, padded rows.
+PixelBuffer nv12Buffer(const cv::Mat& bgra, uint32_t format, size_t rowAlignment) {
+  PixelBuffer b = PixelBuffer::allocate(format, bgra.cols, bgra.rows, rowAlignment);
+  b.lockBaseAddress();
+  for (int y = 0; y < bgra.rows; ++y) {
+    uint8_t* luma = b.baseAddressOfPlane(0) + y * b.bytesPerRowOfPlane(0);
+    for (int x = 0; x < bgra.cols; ++x) {
+      const cv::Vec4b p = bgra.at<cv::Vec4b>(y, x);
+      luma[x] = static_cast<uint8_t>(std::lround(0.114 * p[0] + 0.587 * p[1] + 0.299 * p[2]));
+    }
+  }
+  for (size_t y = 0; y < b.heightOfPlane(1); ++y)
+    std::fill_n(b.baseAddressOfPlane(1) + y * b.bytesPerRowOfPlane(1), 2 * b.widthOfPlane(1), 128);
+  b.unlockBaseAddress();
+  return b;
+}
+
+cv::Mat sceneFrame(SyntheticScene& scene, uint64_t index, SyntheticFrameTruth* truth = nullptr) {
+  const auto& o = scene.options();
+  cv::Mat bgra(static_cast<int>(o.height), static_cast<int>(o.width), CV_8UC4);
+  const SyntheticFrameTruth t = scene.render(index, {}, bgra.data, bgra.step[0]);
+  if (truth) *truth = t;
+  return bgra;
+}
+
+TEST(RectangleDetector, FindsTheOutlinesInPhotographs) {
+  // Corners read off the pictures (top left, top right, bottom right, bottom left). The
+  // cards' outlines are hairlines: either side of one is an edge.
+  const Image cards = test::loadSample("cards.png");
+  const auto inCards = createRectangleDetector(plain())->featuresInImage(cards);
+  EXPECT_TRUE(finds(inCards, 480, {{{172, 78}, {257, 78}, {257, 204}, {172, 203}}}, 3));
+  EXPECT_TRUE(finds(inCards, 480, {{{334, 125}, {419, 125}, {419, 251}, {334, 251}}}, 3));
+
+  // The box fills the photograph; its outline beats the printed frame inside it.
+  const auto inBox = createRectangleDetector(plain())->featuresInImage(test::loadSample("box.png"));
+  ASSERT_FALSE(inBox.empty());
+  EXPECT_LE(cornerError(inBox[0], 223, {{{3, 3}, {321, 6}, {320, 220}, {2, 220}}}), 3);
+
+  // Three black rectangles, one turned (its top-left label goes to the corner nearest the
+  // picture's top left); the triangle, the head and the question mark are no rectangles.
+  for (RectangleAccuracy accuracy : {RectangleAccuracy::High, RectangleAccuracy::Low}) {
+    const auto f =
+        createRectangleDetector(plain(accuracy))->featuresInImage(test::loadSample("pic1.png"));
+    const double tolerance = accuracy == RectangleAccuracy::High ? 1.5 : 4;
+    EXPECT_EQ(f.size(), 3u);
+    EXPECT_TRUE(finds(f, 300, {{{43, 25}, {232, 25}, {232, 129}, {43, 129}}}, tolerance));
+    EXPECT_TRUE(finds(f, 300, {{{251, 87}, {324, 40}, {387, 137}, {314, 185}}}, tolerance));
+  }
+}
+
+TEST(RectangleDetector, NothingInPhotographsWithoutRectangles) {
+  // Faces, fruit, sweets, fur, a butterfly: curved or textured, nothing four-sided.
+  for (RectangleAccuracy accuracy : {RectangleAccuracy::High, RectangleAccuracy::Low})
+    for (const char* name : {"messi5.jpg", "baboon.jpg", "fruits.jpg", "orange.jpg", "smarties.png",
+                             "butterfly.jpg", "HappyFish.jpg", "apple.jpg"})
+      EXPECT_TRUE(
+          createRectangleDetector(plain(accuracy))->featuresInImage(test::loadSample(name)).empty())
+          << name;
+}
+
+TEST(RectangleDetector, SyntheticCardIsAcceptedOnItsFrames) {
+  const auto detector = makeCardRectangleDetector();
+  struct Run {
+    SyntheticSceneOptions options;
+    uint64_t step;
+  };
+  SyntheticSceneOptions rough;
+  rough.seed = 2;
+  rough.blurSigma = 1.2;
+  rough.noiseSigma = 4;
+  rough.exposureDrift = 0.2;
+  for (const Run& run : {Run{{}, 12}, Run{rough, 24}}) {
+    SyntheticScene scene(run.options);
+    int eligible = 0, accepted = 0, exact = 0;
+    for (uint64_t i = 0; i < kMotionPeriodFrames; i += run.step) {
+      SyntheticFrameTruth truth;
+      const cv::Mat frame = sceneFrame(scene, i, &truth);
+      RectangleFeature real;  // the true corners, y up
+      Point* corner[4] = {&real.topLeft, &real.topRight, &real.bottomRight, &real.bottomLeft};
+      for (size_t c = 0; c < 4; ++c)
+        *corner[c] = {truth.cardCorners[c].x, 720 - truth.cardCorners[c].y};
+      if (!truth.cardFullyVisible ||
+          !(std::abs(measureCard(real).ratio - kCardAspectRatio) <= kDefaultCardDetectionThreshold))
+        continue;
+      ++eligible;
+      const auto features = detector->featuresInImage(bgraBuffer(frame));
+      CardDetectionState state;
+      performRectangleDetection(state, features);
+      accepted += state.consecutiveDetectionFrames == 1;
+      exact += !features.empty() && cornerError(features[0], 720, seen(real, 720)) <= 1.0;
+    }
+    EXPECT_GT(eligible, 50);
+    EXPECT_GE(accepted, 0.95 * eligible) << "seed " << run.options.seed;
+    EXPECT_GE(exact, 0.95 * eligible) << "seed " << run.options.seed;
+
+    SyntheticSceneOptions empty = run.options;
+    empty.showCard = false;
+    SyntheticScene desk(empty);
+    for (uint64_t i = 0; i < kMotionPeriodFrames; i += 60) {
+      CardDetectionState state;
+      performRectangleDetection(state, *detector, bgraBuffer(sceneFrame(desk, i)));
+      EXPECT_EQ(state.consecutiveDetectionFrames, 0) << "frame " << i;
+    }
+  }
+}
+
+TEST(RectangleDetector, NV12FramesFindTheSameQuadAsBGRA) {
+  const auto detector = makeCardRectangleDetector();
+  SyntheticScene scene({});
+  for (uint64_t i : {0, 400, 1000}) {
+    const cv::Mat full = sceneFrame(scene, i);
+    // An odd size too: the chroma plane rounds up, the luma plane must not.
+    for (const cv::Mat& frame : {full, full(cv::Rect(0, 0, 1279, 719)).clone()}) {
+      const auto expected = detector->featuresInImage(bgraBuffer(frame));
+      ASSERT_EQ(expected.size(), 1u) << i;
+      for (auto [format, align] : {std::pair{kPixelFormat420f, 64}, {kPixelFormat420v, 256}}) {
+        const auto got = detector->featuresInImage(nv12Buffer(frame, format, align));
+        ASSERT_EQ(got.size(), 1u) << i;
+        EXPECT_LE(cornerError(got[0], frame.rows, seen(expected[0], frame.rows)), 0.5) << i;
+      }
+    }
+  }
+}
+
+TEST(RectangleDetector, BadInputGivesNothing) {
+  const auto detector = createRectangleDetector(plain());
+  EXPECT_TRUE(detector->featuresInImage(PixelBuffer()).empty());
+  EXPECT_TRUE(detector->featuresInImage(SampleBuffer()).empty());
+  EXPECT_TRUE(detector->featuresInImage(Image()).empty());
+  EXPECT_TRUE(detector->featuresInImage(Image::withoutBitmap({640, 480})).empty());
+  std::vector<uint8_t> bytes(640 * 480 * 2, 90);
+  const PixelBuffer yuyv = PixelBuffer::wrap(fourCharCode("2vuy"), 640, 480,
+                                             {PixelPlane{bytes.data(), 1280, 640, 480}}, {});
+  ASSERT_FALSE(yuyv.isNull());
+  EXPECT_TRUE(detector->featuresInImage(yuyv).empty());
+  // Frames too small or too thin to hold anything, and one thin after reduction.
+  for (auto [w, h] : {std::pair<size_t, size_t>{1, 1}, {15, 400}, {400, 15}, {20000, 16}})
+    EXPECT_TRUE(detector->featuresInImage(PixelBuffer::allocate(kPixelFormat420f, w, h)).empty());
+  const uint8_t gray = 128;
+  EXPECT_TRUE(
+      detector->featuresInImage(Image::filled(PixelLayout::Gray8, 1280, 720, &gray)).empty());
+  // Every layout of a picture with a rectangle in it works.
+  cv::Mat canvas(300, 400, CV_8UC4, cv::Scalar(40, 40, 40, 255));
+  cv::rectangle(canvas, cv::Rect(100, 80, 160, 100), cv::Scalar(220, 220, 220, 255), cv::FILLED);
+  for (PixelLayout layout : {PixelLayout::Gray8, PixelLayout::RGB24, PixelLayout::RGBA32})
+    EXPECT_EQ(detector->featuresInImage(imageOf(canvas).converted(layout)).size(), 1u);
+}
+
+TEST(RectangleDetector, AspectRatioHintRanksAndTests) {
+  // A card-shaped light rectangle and a larger square on a dark ground.
+  cv::Mat canvas(720, 1280, CV_8UC4, cv::Scalar(40, 40, 40, 255));
+  cv::rectangle(canvas, cv::Rect(100, 100, 430, 270), cv::Scalar(200, 200, 200, 255), cv::FILLED);
+  cv::rectangle(canvas, cv::Rect(700, 200, 400, 400), cv::Scalar(200, 200, 200, 255), cv::FILLED);
+  const Quad card = {{{100, 100}, {530, 100}, {530, 370}, {100, 370}}};
+  auto run = [&](const cv::Mat& picture, double ratio, double focal) {
+    return createRectangleDetector({RectangleAccuracy::High, ratio, focal, 4})
+        ->featuresInImage(imageOf(picture));
+  };
+  EXPECT_EQ(run(canvas, 0.0, -1.0).size(), 2u);
+  EXPECT_GT(cornerError(run(canvas, 0.0, -1.0)[0], 720, card), 50);      // the square is larger
+  EXPECT_LE(cornerError(run(canvas, 1.592593, -1.0)[0], 720, card), 1);  // the card fits
+  EXPECT_EQ(run(canvas, 1.592593, 0.0).size(), 1u);                      // the square fails
+
+  // The card tilted back by 60 degrees in front of a camera of focal length 900: it looks
+  // more than three times as wide as high, yet the perspective gives its true shape back.
+  cv::Mat tilted(720, 1280, CV_8UC4, cv::Scalar(40, 40, 40, 255));
+  std::vector<cv::Point> outline;
+  for (auto [x, y] : {std::pair{-43.0, -27.0}, {43.0, -27.0}, {43.0, 27.0}, {-43.0, 27.0}}) {
+    const double t = 60 * CV_PI / 180, z = 1500 + 6 * y * std::sin(t);
+    outline.emplace_back(cvRound(640 + 900 * 6 * x / z),
+                         cvRound(360 + 900 * 6 * y * std::cos(t) / z));
+  }
+  cv::fillConvexPoly(tilted, outline, cv::Scalar(200, 200, 200, 255), cv::LINE_AA);
+  EXPECT_EQ(run(tilted, 1.592593, -1.0).size(), 1u);
+  EXPECT_TRUE(run(tilted, 1.592593, 0.0).empty());
+  EXPECT_EQ(run(tilted, 1.592593, 900.0).size(), 1u);
+  EXPECT_TRUE(run(tilted, 1.0, 900.0).empty());
+}
+
+TEST(RectangleDetector, OneDetectorServesManyThreads) {
+  const auto detector = makeCardRectangleDetector();
+  SyntheticScene scene({});
+  std::vector<PixelBuffer> frames;
+  for (uint64_t i : {0, 200, 500, 700})
+    frames.push_back(nv12Buffer(sceneFrame(scene, i), kPixelFormat420f, 64));
+  std::vector<std::vector<RectangleFeature>> alone, together(frames.size());
+  for (const PixelBuffer& frame : frames) alone.push_back(detector->featuresInImage(frame));
+  std::vector<std::thread> threads;
+  for (size_t t = 0; t < frames.size(); ++t)
+    threads.emplace_back([&, t] { together[t] = detector->featuresInImage(frames[t]); });
+  for (std::thread& t : threads) t.join();
+  for (size_t t = 0; t < frames.size(); ++t) {
+    ASSERT_EQ(together[t].size(), 1u);
+    EXPECT_EQ(seen(together[t][0], 720), seen(alone[t][0], 720));
+  }
+}
+
+TEST(RectangleDetector, DrawsFoundQuadsOverAFrame) {
+  SyntheticScene scene({});
+  cv::Mat frame = sceneFrame(scene, 0);
+  const auto features = makeCardRectangleDetector()->featuresInImage(imageOf(frame));
+  ASSERT_EQ(features.size(), 1u);
+  const Quad q = seen(features[0], frame.rows);
+  for (size_t i = 0; i < 4; ++i)
+    cv::line(frame, q[i], q[(i + 1) % 4], cv::Scalar(0, 255, 0, 255), 3, cv::LINE_AA);
+  const std::string path = test::outputDir() + "/rectangle_detector_quads.png";
+  ASSERT_TRUE(cv::imwrite(path, frame));
+
+  const Image back = Image::loadFile(path);
+  ASSERT_EQ(back.width(), 1280u);
+  ASSERT_EQ(back.layout(), PixelLayout::RGBA32);
+  auto pixel = [&](cv::Point2d p) {  // RGBA, straight alpha
+    const uint8_t* px = back.bytes().data() + cvRound(p.y) * back.bytesPerRow() + cvRound(p.x) * 4;
+    return cv::Vec3b(px[0], px[1], px[2]);
+  };
+  for (size_t i = 0; i < 4; ++i)  // the middle of every side is drawn green
+    EXPECT_EQ(pixel((q[i] + q[(i + 1) % 4]) * 0.5), cv::Vec3b(0, 255, 0)) << i;
+  EXPECT_NE(pixel((q[0] + q[2]) * 0.5), cv::Vec3b(0, 255, 0));  // the card's middle is not
+}
+
+}  // namespace
+}  // namespace kwq::platform
