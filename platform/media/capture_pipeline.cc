@@ -84,11 +84,18 @@ PixelBuffer wrapSample(GstSample* sample, uint32_t pixelFormat, const GstVideoIn
 }  // namespace
 
 struct CapturePipeline::Core {
+  // Set before any callback is installed, then only read. `ready` publishes them to the
+  // streaming threads in a way thread checkers see (GStreamer's own hand-over is invisible).
   std::string cameraName;
   uint32_t pixelFormat = 0;
   FrameCallback onFrame;
-  CameraSource* source = nullptr;  // valid while the bus handler is installed
   GstElement* pipeline = nullptr;
+  std::atomic<bool> ready{false};
+
+  // The source receives bus messages until the pipeline is torn down; a message posted
+  // concurrently with the teardown finds it gone rather than half destroyed.
+  std::mutex sourceMutex;
+  CameraSource* source = nullptr;
 
   std::mutex mutex;  // guards the fields below
   std::string firstError;
@@ -118,6 +125,7 @@ struct CapturePipeline::Core {
 
   static GstFlowReturn onNewSample(GstAppSink* sink, gpointer data) {
     Core& core = **static_cast<std::shared_ptr<Core>*>(data);
+    if (!core.ready.load(std::memory_order_acquire)) return GST_FLOW_OK;
     GstSample* sample = gst_app_sink_pull_sample(sink);
     if (!sample) return GST_FLOW_OK;
     GstBuffer* buffer = gst_sample_get_buffer(sample);
@@ -144,6 +152,7 @@ struct CapturePipeline::Core {
 
   static GstBusSyncReply onBusMessage(GstBus*, GstMessage* message, gpointer data) {
     Core& core = *static_cast<Core*>(data);
+    if (!core.ready.load(std::memory_order_acquire)) return GST_BUS_DROP;
     if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
       GError* err = nullptr;
       gchar* debug = nullptr;
@@ -159,6 +168,7 @@ struct CapturePipeline::Core {
       if (err) g_error_free(err);
       g_free(debug);
     }
+    std::lock_guard lock(core.sourceMutex);
     if (core.source) core.source->handleBusMessage(core.pipeline, message);
     return GST_BUS_DROP;
   }
@@ -280,6 +290,7 @@ std::unique_ptr<CapturePipeline> CapturePipeline::create(
 
   p->core_->source = p->source_.get();
   p->core_->pipeline = p->pipeline_;
+  p->core_->ready.store(true, std::memory_order_release);
   GstBus* bus = gst_element_get_bus(p->pipeline_);
   gst_bus_set_sync_handler(bus, &Core::onBusMessage, p->core_.get(), nullptr);
   gst_object_unref(bus);
@@ -288,6 +299,10 @@ std::unique_ptr<CapturePipeline> CapturePipeline::create(
 
 CapturePipeline::~CapturePipeline() {
   stop();
+  if (core_) {
+    std::lock_guard lock(core_->sourceMutex);
+    core_->source = nullptr;
+  }
   if (pipeline_) {
     GstBus* bus = gst_element_get_bus(pipeline_);
     gst_bus_set_sync_handler(bus, nullptr, nullptr, nullptr);

@@ -1,6 +1,7 @@
 #include "kwqimage/DispatchQueue.h"
 
 #include <atomic>
+#include <future>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -58,9 +59,15 @@ TEST(DispatchQueueTest, ThrowingBlockIsContainedAndDroppedHandleDrains) {
   auto selfOwned = DispatchQueue::createSerial("self");
   DispatchQueue* raw = selfOwned.get();
   auto holder = std::make_shared<std::shared_ptr<DispatchQueue>>(std::move(selfOwned));
-  raw->async([holder] { holder->reset(); });
+  std::promise<void> gate;
+  std::shared_future<void> open = gate.get_future().share();
+  raw->async([holder, open] {
+    open.wait();  // until the block behind this one is queued
+    holder->reset();
+  });
   raw->async([&] { after = true; });
   holder.reset();
+  gate.set_value();
   EXPECT_TRUE(test::pumpMainContextUntil([&] { return after.load(); }, 5s));
 }
 
