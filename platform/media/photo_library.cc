@@ -10,10 +10,10 @@
 #include <cstring>
 #include <ctime>
 #include <deque>
+#include <filesystem>
 #include <mutex>
 #include <thread>
 
-#include "platform/foundation/file_io.h"
 #include "platform/foundation/pictures_dir.h"
 #include "platform/image/png_codec.h"
 
@@ -144,8 +144,11 @@ std::string saveNewFile(const std::string& stem, const std::string& ext,
                         const std::function<bool(int fd, std::string* error)>& fill,
                         std::string* error) {
   const std::string folder = picturesDirectory();
-  if (!createDirectories(folder)) {
-    *error = systemError("The pictures folder \"" + folder + "\" could not be created", errno);
+  std::error_code ec;
+  std::filesystem::create_directories(folder, ec);
+  if (ec || !std::filesystem::is_directory(folder, ec)) {
+    *error = "The pictures folder \"" + folder +
+             "\" could not be created: " + (ec ? ec.message() : std::string("it is not a folder"));
     return {};
   }
   TempFile temp;

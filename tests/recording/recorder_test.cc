@@ -107,6 +107,10 @@ struct Format {
   size_t width, height;
 };
 
+void PrintTo(const Format& f, std::ostream* os) {
+  *os << (f.pixelFormat == kPixelFormatBGRA ? "BGRA " : "420f ") << f.width << "x" << f.height;
+}
+
 class RecordedMovie : public Recorder, public ::testing::WithParamInterface<Format> {};
 
 TEST_P(RecordedMovie, HoldsEveryFrameAsDeliveredWithItsTimeStamps) {
@@ -173,6 +177,7 @@ TEST_F(Recorder, SecondRecordingWritesTheNextNumberIntoAFreshlyEmptiedFolder) {
 }
 
 TEST_F(Recorder, StartsOnceRefusesUnreadyFramesAndStaysRecordingAfterAStopBeforeTheFirstFrame) {
+  fs::create_directories(folder());  // so that the start has nothing to log
   test::LogCapture log;
   EXPECT_FALSE(rec.stopSavingCameraData());  // idle
   ASSERT_TRUE(rec.startSavingCameraData());
