@@ -99,6 +99,7 @@ class KWQ_EXPORT KWQCameraRollHelper {
   /// Number of the next movie file; advanced after each movie is saved.
   uint32_t cameraDataCounter() const;
   void setCameraDataCounter(uint32_t cameraDataCounter);
+  // The movie writer and its input are platform objects without accessors here.
   /// File URL of the current (or last) movie; empty before the first start.
   std::string videoFilePath() const;
   void setVideoFilePath(std::string videoFilePath);

@@ -162,5 +162,9 @@ MovieSummary readMovie(const std::string& path,
 // block shows as a leak in any process that registers enough GStreamer types. Only allocations
 // made during shared-library initialisation are exempt, which needs full stacks at malloc time.
 // (Without a sanitizer these two functions are never called.)
-extern "C" const char* __asan_default_options() { return "fast_unwind_on_malloc=0"; }
-extern "C" const char* __lsan_default_suppressions() { return "leak:_dl_init\n"; }
+extern "C" const char* __asan_default_options() {
+  return "fast_unwind_on_malloc=0";
+}
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:_dl_init\n";
+}

