@@ -114,6 +114,8 @@ V4l2ControlMap::V4l2ControlMap(std::shared_ptr<V4l2ControlDevice> device)
     caps_.torchModes = {AVCaptureTorchModeOff, AVCaptureTorchModeOn};
     caps_.maxAvailableTorchLevel = 1.0f;
   }
+  // What the device does now counts as applied: opening a camera changes none of its controls.
+  applied_ = currentControls();
 }
 
 bool V4l2ControlMap::has(uint32_t id) const {

@@ -61,7 +61,8 @@ class V4l2ControlMap {
   const CameraCapabilities& capabilities() const { return caps_; }
   /// The modes the device is in now.
   CameraControls currentControls() const;
-  /// Sets the controls whose mode changed since the last call (and a requested focus pass).
+  /// Sets the controls whose mode changed since the last call, or since the map read the
+  /// device (and a requested focus pass).
   void apply(const CameraControls& controls, bool focusPassRequested);
   /// Strobes the flash when the controls ask for it (flash on, torch off).
   void fireFlash(const CameraControls& controls);
