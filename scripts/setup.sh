@@ -10,7 +10,7 @@ packages=(
   libopencv-dev opencv-data opencv-doc
   libcairo2-dev libpango1.0-dev libglib2.0-dev fonts-dejavu-core
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
-  gstreamer1.0-plugins-good gstreamer1.0-tools libzxing-dev
+  gstreamer1.0-plugins-good gstreamer1.0-libav gstreamer1.0-tools libzxing-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
 )
 
