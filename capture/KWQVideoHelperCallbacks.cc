@@ -1,13 +1,10 @@
-// Where capture results enter the engine. The per-frame step (recording, overlay clearing,
-// card detection, the delegate's frame call) and the metadata step (widest face, barcode text
-// and outline) are built on these two entry points; until they are, the engine receives
-// frames and metadata and keeps nothing of them.
+// Where metadata enters the engine. The metadata step (widest face, barcode text and outline)
+// is built on this entry point; until it is, the engine receives metadata and keeps nothing of
+// it. Frames enter through the per-frame step (KWQVideoHelperFrames.cc).
 
 #include "capture/KWQVideoHelperState.h"
 
 namespace kwq {
-
-void KWQVideoHelper::captureOutput(VideoDataOutput&, const SampleBuffer&, CaptureConnection&) {}
 
 void KWQVideoHelper::captureOutput(MetadataOutput&, const MetadataObjects&, CaptureConnection&) {}
 

@@ -48,7 +48,7 @@ struct KWQVideoHelper::State {
   Rect barcodeRect;
   std::optional<std::string> parsedData;
   CardDetectionState card;  // threshold, consecutive frames, card rectangle and centre
-  std::shared_ptr<platform::RectangleDetector> rectDetector;  // made on first use
+  std::shared_ptr<const platform::RectangleDetector> rectDetector;  // made on first use
   std::weak_ptr<KWQVideoHelperDelegate> delegate;
   std::shared_ptr<CaptureDevice> device;
   std::shared_ptr<MetadataOutput> metaOutput;

@@ -146,6 +146,9 @@ class KWQ_EXPORT KWQVideoHelper : public CaptureVideoDataOutputSampleBufferDeleg
   void setCardRect(Rect rect);
   Point cardCenter() const;
   void setCardCenter(Point center);
+  /// Withdraws a published card: cardRect() and cardCenter() to zero. The count is kept, so
+  /// the next accepted frame of an unbroken run publishes the card again at once.
+  void clearCardRectData();
 
   // The delegate.
 
@@ -176,9 +179,21 @@ class KWQ_EXPORT KWQVideoHelper : public CaptureVideoDataOutputSampleBufferDeleg
   /// Face box layers by face id.
   std::map<int64_t, std::shared_ptr<Layer>> avfFaceLayers() const;
 
+  /// The EXIF orientation code of an image orientation: 0..7 (up, down, left, right, then
+  /// mirrored) give 1, 3, 8, 6, 2, 4, 5, 7; any other value gives 1 (up). Thread: any.
+  static int32_t exifOrientationFromUIImageOrientation(int64_t orientation);
+
   // Capture callbacks.
 
-  /// A video frame, on "VideoDataOutputQueue".
+  /// A video frame, on "VideoDataOutputQueue" (the output and connection are not used). In
+  /// order: the frame goes to the recorder when recordCameraData() is on (also without a
+  /// delegate); when the tracked rectangle (faceRect(), or in card mode cardRect() as it was
+  /// before this frame) is zero, the main queue turns the centre box red and drops the face
+  /// box; in face mode with a zero barcodeRect(), parsedData() becomes "" and the main queue
+  /// drops the barcode outline layer; then, only for a delegate that is a KWQFrameDelegate:
+  /// in face mode one call with faceRect(); in card mode the card detector runs on the frame
+  /// (made on first use) and the delegate is called with cardRect() only when it is not zero.
+  /// The mode is read once per frame. A delegate that throws loses that frame (logged).
   void captureOutput(VideoDataOutput& output, const SampleBuffer& sampleBuffer,
                      CaptureConnection& connection) override;
   /// Faces and codes found in a frame, on the main queue.
