@@ -1,9 +1,12 @@
 // kwq: the command-line face of the library.
 
+#include <unistd.h>
+
 #include <iostream>
 
 #include <CLI/CLI.hpp>
 
+#include "kwq/capture_command.h"
 #include "kwq/quality_command.h"
 #include "kwqimage/kwq_quality.h"
 
@@ -12,14 +15,47 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag("--version", "kwq " + std::to_string(KWQImageVersionNumber).substr(0, 3));
 
+  kwq::tool::CaptureOptions capture;
+  std::string mode = "card";
+  CLI::App* captureCommand = app.add_subcommand(
+      "capture",
+      "Run the capture engine on a camera (the synthetic one where no webcam is attached), "
+      "show progress and print a summary");
+  CLI::Option* frames =
+      captureCommand->add_option("--frames", capture.frames, "Stop after N frames")
+          ->check(CLI::PositiveNumber);
+  captureCommand->add_option("--seconds", capture.seconds, "Stop after S seconds")
+      ->check(CLI::PositiveNumber)
+      ->excludes(frames);
+  captureCommand->add_option("--mode", mode, "card (card detection, default) or face")
+      ->check(CLI::IsMember({"card", "face"}));
+  captureCommand->add_option("--camera", capture.camera,
+                             "A camera's unique id, a video file, or synthetic");
+  captureCommand->add_flag("--record", capture.record,
+                           "Record the stream with the engine's recorder (uncompressed movie, "
+                           "about 55 MB a second at 1280x720)");
+  captureCommand->add_option("--snapshot", capture.snapshot,
+                             "Save the frame on which the card first became stable (PNG)");
+
   std::vector<std::string> qualityFiles;
   CLI::App* quality = app.add_subcommand(
       "quality",
       "Score the focus and brightness of images (built-in samples when no file is given)");
   quality->add_option("files", qualityFiles, "Image files (PNG, JPEG, ...)");
 
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    // Help and version exit 0; every usage error exits 2.
+    const int code = app.exit(e);
+    return code == 0 ? 0 : 2;
+  }
 
+  if (*captureCommand) {
+    capture.cardMode = mode == "card";
+    capture.liveProgress = ::isatty(STDOUT_FILENO) != 0;
+    return kwq::tool::runCapture(capture, std::cout, std::cerr);
+  }
   if (*quality) return kwq::tool::runQuality(qualityFiles, std::cout, std::cerr);
   return 0;
 }

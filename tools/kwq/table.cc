@@ -27,9 +27,11 @@ void Table::print(std::ostream& out) const {
   auto printRow = [&](const std::vector<std::string>& row, bool isHeader) {
     for (size_t i = 0; i < widths.size(); ++i) {
       const std::string cell = i < row.size() ? row[i] : "";
-      const bool right = !isHeader ? looksNumeric(cell) && i > 0 : i > 0;
+      const bool right = !alignLeft_ && (!isHeader ? looksNumeric(cell) && i > 0 : i > 0);
+      // The last column is not padded when left-aligned: no trailing blanks.
+      const bool pad = right || i + 1 < widths.size();
       out << (i ? "  " : "") << (right ? std::right : std::left)
-          << std::setw(static_cast<int>(widths[i])) << cell;
+          << std::setw(pad ? static_cast<int>(widths[i]) : 0) << cell;
     }
     out << '\n';
   };

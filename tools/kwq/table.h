@@ -12,11 +12,14 @@ class Table {
  public:
   explicit Table(std::vector<std::string> header) : header_(std::move(header)) {}
   void addRow(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
+  /// Left-aligns every cell (for tables of labelled values that mix numbers and text).
+  void alignLeft() { alignLeft_ = true; }
   void print(std::ostream& out) const;
 
  private:
   std::vector<std::string> header_;
   std::vector<std::vector<std::string>> rows_;
+  bool alignLeft_ = false;
 };
 
 }  // namespace kwq::tool

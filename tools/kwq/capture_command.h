@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <string>
+
+namespace kwq::tool {
+
+/// What `kwq capture` runs.
+struct CaptureOptions {
+  /// Stop after this many frames have gone through the engine's frame step.
+  std::optional<uint64_t> frames;
+  /// Stop this many seconds after the start. With neither limit: run until Ctrl-C.
+  std::optional<double> seconds;
+  /// Card mode (card detection, the delegate called on stable-card frames) or face mode.
+  bool cardMode = true;
+  /// Empty: the default camera (the first webcam, else the synthetic back camera);
+  /// "synthetic"; a camera's unique id; or a video file played as a camera.
+  std::string camera;
+  /// Record the camera stream with the engine's recorder (recordCameraData).
+  bool record = false;
+  /// Where to save the frame on which the card first became stable, as PNG; empty: nowhere.
+  std::string snapshot;
+  /// Rewrite the progress line in place (a terminal) instead of printing one a second.
+  bool liveProgress = false;
+};
+
+/// `kwq capture`: runs the capture engine on a camera, shows progress (frames, fps, dropped
+/// frames, stable-card frames, decoded code text) and prints a summary table. Runs and pumps
+/// GLib's default main context on the calling thread; Ctrl-C ends the run early with the
+/// summary. Returns the exit code: 0; 1 when the camera delivered nothing, the card never
+/// became stable while a snapshot was asked for, or the snapshot or movie could not be saved;
+/// 2 for options that cannot work (an unknown camera, an unwritable snapshot path).
+int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& err);
+
+}  // namespace kwq::tool
