@@ -1,0 +1,170 @@
+// `kwq capture` end to end: the built tool runs the engine on the synthetic camera (or a video
+// file) and its summary, snapshot and movie are checked; and the frame conversion behind the
+// snapshot against a plain floating-point BT.601 conversion.
+
+#include <sys/wait.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "../platform/capture/capture_test_support.h"
+#include "platform/image/frame_image.h"
+#include "support/test_support.h"
+
+namespace kwq {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct ToolRun {
+  int code = -1;
+  std::string out, err;
+  // The summary table's rows (after its dashed rule): label → value.
+  std::map<std::string, std::string> summary() const {
+    std::map<std::string, std::string> rows;
+    std::istringstream lines(out);
+    bool inTable = false;
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with("---")) inTable = true;
+      const size_t gap = line.find("  ");
+      const size_t value = line.find_first_not_of(' ', gap);
+      if (inTable && gap != std::string::npos && value != std::string::npos)
+        rows[line.substr(0, gap)] = line.substr(value);
+    }
+    return rows;
+  }
+};
+
+ToolRun kwq(const std::string& args, const std::string& env = {}) {
+  const std::string errPath = test::outputDir() + "/kwq-capture-stderr.txt";
+  ToolRun run;
+  FILE* pipe = popen((env + " " KWQ_TOOL_PATH " " + args + " 2>" + errPath).c_str(), "r");
+  if (!pipe) return run;
+  char buffer[4096];
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.out.append(buffer, n);
+  const int status = pclose(pipe);
+  run.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  std::ifstream err(errPath);
+  run.err.assign(std::istreambuf_iterator<char>(err), {});
+  return run;
+}
+
+TEST(CaptureTool, ThreeHundredSyntheticFramesReportAStableCard) {
+  const ToolRun run = kwq("capture --frames 300");
+  ASSERT_EQ(run.code, 0) << run.err;
+  auto rows = run.summary();
+  EXPECT_EQ(rows["camera"], "Synthetic Back Camera (kwq.synthetic.back)");
+  EXPECT_EQ(rows["mode"], "card");
+  EXPECT_EQ(rows["frame size"], "1280x720");
+  EXPECT_EQ(rows["frames delivered"], "300");
+  EXPECT_GT(std::stoi(rows["frames with a stable card"]), 0);
+  EXPECT_EQ(rows["frames with a stable card"], rows["delegate calls"]);
+  EXPECT_GE(std::stoi(rows["first stable frame"]), 6);
+  EXPECT_EQ(rows["marker rect"], "0, 0, 11, 11");
+  EXPECT_NE(rows["card centre (px, y up)"], "-");
+  // Progress lines (not a terminal: one a second) precede the table.
+  EXPECT_NE(run.out.find("frames 300/300"), std::string::npos);
+}
+
+TEST(CaptureTool, SnapshotRecordingFileCameraAndBadOptions) {
+  const fs::path dir = fs::path(test::outputDir()) / "capture-tool";
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+
+  // The first stable frame as a PNG of the frame's size.
+  const std::string snapshot = (dir / "card.png").string();
+  ToolRun run = kwq("capture --frames 30 --snapshot " + snapshot);
+  ASSERT_EQ(run.code, 0) << run.err;
+  EXPECT_EQ(run.summary()["snapshot"], snapshot);
+  const Image image = Image::loadFile(snapshot);
+  EXPECT_EQ(image.width(), 1280u);
+  EXPECT_EQ(image.height(), 720u);
+
+  // --record: the movie lands in the photo library (here a home of the test's own).
+  const std::string home = (dir / "home").string();
+  fs::create_directories(dir / "home" / "Documents");
+  run =
+      kwq("capture --frames 5 --record", "HOME=" + home + " XDG_CONFIG_HOME=" + home + "/.config");
+  ASSERT_EQ(run.code, 0) << run.err;
+  const std::string movie = run.summary()["movie"];
+  EXPECT_EQ(movie.rfind(home + "/Pictures/FrontCardData", 0), 0u) << movie;
+  EXPECT_TRUE(fs::is_regular_file(movie));
+
+  // A video file as the camera, in face mode: every frame is a delegate call.
+  const std::string movieFile = test::makeTestMovie("capture-tool.avi", 15, 320, 240, 30);
+  run = kwq("capture --mode face --frames 10 --camera " + movieFile);
+  ASSERT_EQ(run.code, 0) << run.err;
+  EXPECT_EQ(run.summary()["frames delivered"], "10");
+  EXPECT_EQ(run.summary()["delegate calls"], "10");
+
+  // Options that cannot work: one line on stderr, exit 2, no run.
+  const std::vector<std::string> bad = {
+      "capture --camera no-such-camera",          "capture --camera " + snapshot,
+      "capture --snapshot /no/such/folder/x.png", "capture --mode face --snapshot " + snapshot,
+      "capture --frames 3 --seconds 1",           "capture --mode portrait"};
+  for (const std::string& args : bad) {
+    run = kwq(args);
+    EXPECT_EQ(run.code, 2) << args;
+    EXPECT_EQ(run.out.find("frames delivered"), std::string::npos) << args;
+    EXPECT_FALSE(run.err.empty()) << args;
+  }
+}
+
+// BT.601 in floating point: full range, or video range stretched first.
+std::array<double, 3> referenceRgb(int y, int u, int v, bool fullRange) {
+  double Y = y, U = u - 128.0, V = v - 128.0;
+  if (!fullRange) {
+    Y = (y - 16) * 255.0 / 219.0;
+    U *= 255.0 / 224.0;
+    V *= 255.0 / 224.0;
+  }
+  auto clamp = [](double c) { return std::min(255.0, std::max(0.0, c)); };
+  return {clamp(Y + 1.402 * V), clamp(Y - 0.344136 * U - 0.714136 * V), clamp(Y + 1.772 * U)};
+}
+
+TEST(SnapshotConversion, Nv12MatchesFloatingPointBt601AndBgraIsCopied) {
+  std::mt19937 rng(7);
+  for (uint32_t format : {kPixelFormat420f, kPixelFormat420v}) {
+    const size_t w = 33, h = 17;  // odd sizes: the last column and row share a chroma pair
+    PixelBuffer frame = PixelBuffer::allocate(format, w, h);
+    ASSERT_TRUE(frame.lockBaseAddress());
+    for (size_t p = 0; p < 2; ++p)
+      for (size_t i = 0; i < frame.bytesPerRowOfPlane(p) * frame.heightOfPlane(p); ++i)
+        frame.baseAddressOfPlane(p)[i] = static_cast<uint8_t>(rng());
+    const Image rgb = platform::imageFromPixelBuffer(frame);
+    ASSERT_EQ(rgb.layout(), PixelLayout::RGB24);
+    ASSERT_EQ(rgb.width(), w);
+    int worst = 0;
+    for (size_t r = 0; r < h; ++r)
+      for (size_t c = 0; c < w; ++c) {
+        const uint8_t* uv = frame.baseAddressOfPlane(1) + (r / 2) * frame.bytesPerRowOfPlane(1);
+        const auto want =
+            referenceRgb(frame.baseAddressOfPlane(0)[r * frame.bytesPerRowOfPlane(0) + c],
+                         uv[c / 2 * 2], uv[c / 2 * 2 + 1], format == kPixelFormat420f);
+        for (size_t k = 0; k < 3; ++k)
+          worst = std::max(worst, static_cast<int>(std::lround(std::fabs(
+                                      rgb.bytes()[r * rgb.bytesPerRow() + 3 * c + k] - want[k]))));
+      }
+    frame.unlockBaseAddress();
+    EXPECT_LE(worst, 1) << format;
+  }
+
+  PixelBuffer bgra = PixelBuffer::allocate(kPixelFormatBGRA, 5, 3);
+  bgra.lockBaseAddress();
+  bgra.baseAddressOfPlane(0)[bgra.bytesPerRowOfPlane(0) * 2 + 4 * 4 + 2] = 200;
+  bgra.unlockBaseAddress();
+  const Image copy = platform::imageFromPixelBuffer(bgra);
+  ASSERT_EQ(copy.layout(), PixelLayout::BGRA32Premultiplied);
+  EXPECT_EQ(copy.bytes()[copy.bytesPerRow() * 2 + 4 * 4 + 2], 200);
+  EXPECT_TRUE(platform::imageFromPixelBuffer(PixelBuffer()).isNull());
+}
+
+}  // namespace
+}  // namespace kwq
