@@ -1,16 +1,17 @@
 // The rectangle detector over OpenCV.
 //
-// Edges are found on a reduced "work" copy of the gray picture: Canny, then a one-pixel
-// dilation that closes the small gaps texture and noise leave in an outline, then every
-// contour of the edge map. Candidates come two ways:
+// Edges are found on a reduced "work" copy of the gray picture, reduced by a whole factor:
+// bands where the gray level steps by enough (a thresholded morphological gradient), then
+// every contour of those bands. Candidates come two ways:
 //  - closed outlines: a contour whose convex hull is, within a few per cent of its area, a
 //    convex quadrilateral with sensible angles (rounded card corners fall inside that);
 //  - lines: where clutter touches an outline from outside and print from inside, no contour
 //    is the outline, but its sides remain straight runs of contours. Runs are gathered into
 //    lines, and four lines whose quadrilateral's sides are mostly covered by edge, and do not
 //    run on past its corners, make a candidate.
-// Repeats are merged; the leaders are refined on the full picture (High accuracy) and ranked
-// by area, by how much of the outline the edges show and by closeness to the aspect-ratio hint.
+// Repeats are merged; the leaders' sides are re-fitted to the strongest edge nearby (on the full
+// picture at High accuracy, on the work copy at Low) and ranked by area, by how much of the
+// outline the edges show and by closeness to the aspect-ratio hint.
 
 #include "platform/vision/rectangle_detector.h"
 
@@ -29,11 +30,12 @@
 namespace kwq::platform {
 namespace {
 
-// Canny's hysteresis thresholds on the blurred work picture: low enough for a light card on a
-// light desk (a step of some 15 gray levels), high enough that wood grain and paper texture
-// mostly stay below (every weak edge costs time in the hysteresis and the contour walk).
-constexpr double kCannyLow = 20;
-constexpr double kCannyHigh = 50;
+// Edges are where the gray level spans at least this much within a 3 x 3 neighbourhood of
+// the smoothed work picture: a card against a desk or a hairline border on white card stock
+// passes, wood grain and paper texture mostly do not. (A thresholded morphological gradient
+// costs a fifth of a Canny pass; its edges come out two or three pixels wide, which closes
+// small gaps in an outline the way a dilation would.)
+constexpr double kEdgeStep = 20;
 // Nothing smaller than this on a side can hold a rectangle worth reporting.
 constexpr int kMinFrameSide = 16;
 // Long side of the picture edges are searched in, per accuracy; larger pictures are reduced.
@@ -54,6 +56,8 @@ constexpr double kFlatRatioTolerance = 0.25;
 constexpr double kPerspectiveRatioTolerance = 0.15;
 // Ranking: a shape differing from the hint by this much in log ratio counts half.
 constexpr double kRatioRankScale = 0.15;
+// Least share of each side's samples that must lie on the refitted side.
+constexpr double kMinFit = 0.5;
 // Longest lines that may make up quads (by length of edge along them).
 constexpr size_t kMaxLines = 32;
 
@@ -63,7 +67,7 @@ struct Candidate {
   Corners p;
   double area = 0;
   double score = 0;
-  double support = 1;  // share of the outline the edges show
+  double support = 1;  // how well the edges bear the quad out, 0 to 1
 };
 
 double cross(cv::Point2d a, cv::Point2d b) {
@@ -82,8 +86,8 @@ double sideLength(const Corners& p, int i) {
 
 // True when every interior angle lies in the accepted range (the quad is convex already).
 bool anglesPlausible(const Corners& p) {
-  const double lo = std::cos(kMaxAngleDeg * CV_PI / 180.0);
-  const double hi = std::cos(kMinAngleDeg * CV_PI / 180.0);
+  static const double lo = std::cos(kMaxAngleDeg * CV_PI / 180.0);
+  static const double hi = std::cos(kMinAngleDeg * CV_PI / 180.0);
   for (int i = 0; i < 4; ++i) {
     const cv::Point2d a = p[(i + 3) % 4] - p[i], b = p[(i + 1) % 4] - p[i];
     const double na = cv::norm(a), nb = cv::norm(b);
@@ -125,44 +129,80 @@ double perspectiveRatio(const Corners& p, double f, cv::Point2d centre) {
   return std::max(r, 1.0 / r);
 }
 
-// Bilinear sample of an 8-bit picture of at least 2 x 2 pixels; false outside it.
-bool sample(const cv::Mat& g, double x, double y, double* v) {
-  if (!(x >= 0) || !(y >= 0) || x > g.cols - 1 || y > g.rows - 1) return false;
+// Bilinear sample of an 8-bit picture of at least 2 x 2 pixels, its edge rows and columns
+// repeated outward (an outline a pixel or two inside the frame still has a profile across it).
+double sample(const cv::Mat& g, double x, double y) {
+  x = x >= 0 ? std::min(x, g.cols - 1.0) : 0.0;  // NaN goes to 0 too
+  y = y >= 0 ? std::min(y, g.rows - 1.0) : 0.0;
   const int x0 = std::min(static_cast<int>(x), g.cols - 2);
   const int y0 = std::min(static_cast<int>(y), g.rows - 2);
   const double fx = x - x0, fy = y - y0;
   const uint8_t* r0 = g.ptr<uint8_t>(y0);
   const uint8_t* r1 = g.ptr<uint8_t>(y0 + 1);
-  *v =
-      (r0[x0] * (1 - fx) + r0[x0 + 1] * fx) * (1 - fy) + (r1[x0] * (1 - fx) + r1[x0 + 1] * fx) * fy;
-  return true;
+  return (r0[x0] * (1 - fx) + r0[x0 + 1] * fx) * (1 - fy) +
+         (r1[x0] * (1 - fx) + r1[x0 + 1] * fx) * fy;
+}
+
+// The line through edge points (direction, then a point on it): least squares about the
+// principal axis, refitted twice with points more than a pixel off down-weighted (Huber), so a
+// few points on print next to the edge do not tilt it.
+cv::Vec4d fitEdgeLine(const std::vector<cv::Point2d>& points) {
+  std::vector<double> weight(points.size(), 1.0);
+  cv::Vec4d line;
+  for (int round = 0; round < 3; ++round) {
+    double sum = 0, mx = 0, my = 0;
+    for (size_t i = 0; i < points.size(); ++i) {
+      sum += weight[i];
+      mx += weight[i] * points[i].x;
+      my += weight[i] * points[i].y;
+    }
+    mx /= sum;
+    my /= sum;
+    double sxx = 0, sxy = 0, syy = 0;
+    for (size_t i = 0; i < points.size(); ++i) {
+      const double dx = points[i].x - mx, dy = points[i].y - my;
+      sxx += weight[i] * dx * dx;
+      sxy += weight[i] * dx * dy;
+      syy += weight[i] * dy * dy;
+    }
+    const double angle = 0.5 * std::atan2(2 * sxy, sxx - syy);
+    line = cv::Vec4d(std::cos(angle), std::sin(angle), mx, my);
+    for (size_t i = 0; i < points.size(); ++i) {
+      const double off = std::abs(line[0] * (points[i].y - my) - line[1] * (points[i].x - mx));
+      weight[i] = off <= 1.0 ? 1.0 : 1.0 / off;
+    }
+  }
+  return line;
 }
 
 // Re-fits each side of `p` to the strongest edge within `reach` pixels of it on the full
 // picture and intersects neighbouring sides. Only the middle of each side is used, so rounded
 // corners do not pull the lines; the corners become those of the sharp rectangle the sides
 // span. Leaves `p` as it is when a side finds too little edge or the result strays.
-void refine(const cv::Mat& gray, double reach, Corners& p) {
+//
+// Returns how well the picture bears the quad out: the smallest share, over the four sides, of
+// sample points whose strongest edge lies within 1.5 pixels of the fitted side (0 when the
+// refit fails). A quad that borrows a side from clutter, or strays off an edge, scores low.
+double refine(const cv::Mat& gray, double reach, Corners& p) {
   constexpr double kMinStep = 6.0;  // gray levels across two pixels that count as an edge
   std::array<cv::Vec4d, 4> lines;   // direction, point
+  double fit = 1;
   const int radius = static_cast<int>(std::ceil(reach));
   std::vector<double> profile(static_cast<size_t>(2 * radius + 3));
   for (int i = 0; i < 4; ++i) {
     const cv::Point2d a = p[i], b = p[(i + 1) % 4];
     const double length = cv::norm(b - a);
-    if (length < 4) return;
+    if (length < 4) return 0;
     const cv::Point2d dir = (b - a) / length, normal(-dir.y, dir.x);
-    const int count = std::clamp(static_cast<int>(length / 4), 8, 64);
-    std::vector<cv::Point2f> found, rising, falling;
+    const int count = std::clamp(static_cast<int>(length / 6), 8, 48);
+    std::vector<cv::Point2d> rising, falling;
     for (int s = 0; s < count; ++s) {
       const double t = 0.12 + 0.76 * s / (count - 1);
       const cv::Point2d at = a + (b - a) * t;
-      bool inside = true;
-      for (int k = -radius - 1; k <= radius + 1 && inside; ++k) {
+      for (int k = -radius - 1; k <= radius + 1; ++k) {
         const cv::Point2d q = at + normal * static_cast<double>(k);
-        inside = sample(gray, q.x, q.y, &profile[static_cast<size_t>(k + radius + 1)]);
+        profile[static_cast<size_t>(k + radius + 1)] = sample(gray, q.x, q.y);
       }
-      if (!inside) continue;
       int best = 0;
       double bestStep = 0;
       for (int k = -radius; k <= radius; ++k) {
@@ -185,16 +225,19 @@ void refine(const cv::Mat& gray, double reach, Corners& p) {
         if (den < 0) offset += std::clamp(0.5 * (l - r) / den, -0.5, 0.5);
       }
       const cv::Point2d e = at + normal * offset;
-      (bestStep > 0 ? rising : falling)
-          .emplace_back(static_cast<float>(e.x), static_cast<float>(e.y));
+      (bestStep > 0 ? rising : falling).push_back(e);
     }
     // A side separates two surfaces, so its edge has one polarity; the minority is print or
     // texture next to the outline.
-    found = rising.size() >= falling.size() ? rising : falling;
-    if (static_cast<int>(found.size()) < std::max(5, count / 3)) return;
-    cv::Vec4f line;
-    cv::fitLine(found, line, cv::DIST_HUBER, 0, 0.01, 0.01);
-    lines[static_cast<size_t>(i)] = cv::Vec4d(line[0], line[1], line[2], line[3]);
+    const std::vector<cv::Point2d>& found = rising.size() >= falling.size() ? rising : falling;
+    if (static_cast<int>(found.size()) < std::max(5, count / 3)) return 0;
+    const cv::Vec4d line = fitEdgeLine(found);
+    lines[static_cast<size_t>(i)] = line;
+    int onLine = 0;
+    for (const auto* points : {&rising, &falling})
+      for (const cv::Point2d& e : *points)
+        onLine += std::abs(line[0] * (e.y - line[3]) - line[1] * (e.x - line[2])) <= 1.5;
+    fit = std::min(fit, static_cast<double>(onLine) / count);
   }
   Corners out;
   for (int i = 0; i < 4; ++i) {
@@ -202,7 +245,7 @@ void refine(const cv::Mat& gray, double reach, Corners& p) {
     const cv::Vec4d& l2 = lines[static_cast<size_t>(i)];
     const cv::Point2d d1(l1[0], l1[1]), d2(l2[0], l2[1]);
     const double den = cross(d1, d2);
-    if (std::abs(den) < 1e-6) return;
+    if (std::abs(den) < 1e-6) return 0;
     const cv::Point2d q1(l1[2], l1[3]), q2(l2[2], l2[3]);
     const double t = cross(q2 - q1, d2) / den;
     out[static_cast<size_t>(i)] = q1 + d1 * t;
@@ -211,9 +254,10 @@ void refine(const cv::Mat& gray, double reach, Corners& p) {
       std::min({sideLength(p, 0), sideLength(p, 1), sideLength(p, 2), sideLength(p, 3)});
   const double allowed = std::max(3 * reach, 0.08 * shortest);
   for (int i = 0; i < 4; ++i)
-    if (!(cv::norm(out[i] - p[i]) <= allowed)) return;
-  if (signedArea(out) * signedArea(p) <= 0) return;
+    if (!(cv::norm(out[i] - p[i]) <= allowed)) return 0;
+  if (signedArea(out) * signedArea(p) <= 0) return 0;
   p = out;
+  return fit;
 }
 
 // True when a side of `p` lies along an edge of the picture: that is the frame cutting an
@@ -398,7 +442,7 @@ struct Line {
 };
 
 // Groups segments into lines: a segment joins a line when it runs within a few degrees of it
-// and both its ends lie within four pixels (the two sides of one dilated edge do).
+// and both its ends lie within four pixels (the two sides of one edge band do).
 std::vector<Line> gatherLines(std::vector<Segment>& segments, size_t keep) {
   constexpr size_t kMaxLines = 400;
   const double maxSin = std::sin(3.0 * CV_PI / 180.0);
@@ -496,52 +540,59 @@ void lineQuads(const std::vector<Line>& lines, double minArea, double minSide, c
         continue;
       const Corners q = {crossing[i * n + k], crossing[k * n + j], crossing[j * n + l],
                          crossing[l * n + i]};
-      if (sideAlongEdge(q, work)) continue;
+      // Edge along the sides first: most combinations fail there, and it is cheap.
+      const Line* side[4] = {&lines[k], &lines[j], &lines[l], &lines[i]};  // q[c] to q[c + 1]
+      std::array<double, 4> ta, tb;
+      double covered = 0, perimeter = 0, weakest = 1;
+      bool sidesShown = true;
+      for (size_t c = 0; c < 4 && sidesShown; ++c) {
+        const double length = cv::norm(q[(c + 1) % 4] - q[c]);
+        ta[c] = side[c]->dir.dot(q[c]);
+        tb[c] = side[c]->dir.dot(q[(c + 1) % 4]);
+        const double shown = side[c]->coverage(ta[c], tb[c]);
+        sidesShown = length >= minSide && shown >= kMinSideCoverage * length;
+        weakest = std::min(weakest, shown / length);
+        covered += shown;
+        perimeter += length;
+      }
+      if (!sidesShown || covered < kMinCoverage * perimeter || sideAlongEdge(q, work)) continue;
       const double area = signedArea(q);
       if (std::abs(area) < minArea) continue;
       bool convex = true;
-      for (int c = 0; c < 4 && convex; ++c)
+      for (size_t c = 0; c < 4 && convex; ++c)
         convex = cross(q[(c + 1) % 4] - q[c], q[(c + 2) % 4] - q[(c + 1) % 4]) * area > 0;
       if (!convex || !anglesPlausible(q)) continue;
-      const Line* side[4] = {&lines[k], &lines[j], &lines[l], &lines[i]};  // q[c] to q[c + 1]
-      double covered = 0, perimeter = 0, overshoot = 0;
-      bool sidesShown = true;
-      for (int c = 0; c < 4 && sidesShown; ++c) {
-        const Line& line = *side[c];
-        const cv::Point2d a = q[c], b = q[(c + 1) % 4];
-        const double length = cv::norm(b - a);
-        const double ta = line.dir.dot(a), tb = line.dir.dot(b);
-        const double shown = line.coverage(ta, tb);
-        sidesShown = length >= minSide && shown >= kMinSideCoverage * length;
-        covered += shown;
-        perimeter += length;
-        // An outline's sides end at its corners. A side whose edge runs on past a corner
-        // meets the other side in a T or a cross: lines of two different things (a frame
-        // and the print inside it, a grid's rows and columns).
-        const double reach = std::max(4.0, kOvershootWindow * length);
-        const double out = ta < tb ? -reach : reach;
-        overshoot = std::max(
-            {overshoot, line.coverage(ta + out, ta) / reach, line.coverage(tb, tb - out) / reach});
+      // An outline's sides end at its corners. A side whose edge runs on past a corner meets
+      // the other side in a T or a cross: lines of two different things (a frame and the
+      // print inside it, a grid's rows and columns).
+      double overshoot = 0;
+      for (size_t c = 0; c < 4; ++c) {
+        const double reach = std::max(4.0, kOvershootWindow * std::abs(tb[c] - ta[c]));
+        const double out = ta[c] < tb[c] ? -reach : reach;
+        overshoot = std::max({overshoot, side[c]->coverage(ta[c] + out, ta[c]) / reach,
+                              side[c]->coverage(tb[c], tb[c] - out) / reach});
       }
-      if (!sidesShown || covered < kMinCoverage * perimeter || overshoot > kMaxOvershoot) continue;
-      out.push_back({q, covered / perimeter * (1.0 - overshoot)});
+      if (overshoot > kMaxOvershoot) continue;
+      // Support: the mean and the weakest side's share of edge. A quad borrowing one side from
+      // something else (a cable running off the corner) shows it on one side only.
+      out.push_back({q, 0.5 * (covered / perimeter + weakest) * (1.0 - overshoot)});
     }
 }
 
-// One edge pass: Canny edges of `blurred`, dilated by a pixel; closed outlines go to `found`,
-// straight runs to `segments`.
+// One edge pass: the edge bands of `blurred`; closed outlines go to `found`, straight runs to
+// `segments`.
 void edgePass(const cv::Mat& blurred, double minArea, double minLength, std::vector<Found>& found,
               std::vector<Segment>& segments) {
   cv::Mat edges;
-  cv::Canny(blurred, edges, kCannyLow, kCannyHigh, 3, true);
-  cv::dilate(edges, edges, cv::Mat());
+  cv::morphologyEx(blurred, edges, cv::MORPH_GRADIENT, cv::Mat());
+  cv::threshold(edges, edges, kEdgeStep, 255, cv::THRESH_BINARY);
   std::vector<std::vector<cv::Point>> contours;
   cv::findContours(edges, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
   Corners quad;
-  for (const auto& contour : contours) {
+  for (const auto& contour : contours)
     if (quadOfContour(contour, minArea, blurred.size(), &quad)) found.push_back({quad, 1.0});
+  for (const auto& contour : contours)
     collectSegments(contour, minLength, blurred.size(), segments);
-  }
 }
 
 class OpenCVRectangleDetector final : public RectangleDetector {
@@ -615,23 +666,20 @@ class OpenCVRectangleDetector final : public RectangleDetector {
   std::vector<RectangleFeature> detect(const cv::Mat& gray) const {
     const bool high = options_.accuracy == RectangleAccuracy::High;
     const int workSide = high ? kHighWorkSide : kLowWorkSide;
-    const double longSide = std::max(gray.cols, gray.rows);
+    // Reduced by a whole factor: each work pixel is the mean of a factor x factor block,
+    // which OpenCV's area resampling does in one cheap pass (other scales cost ten times as
+    // much), and work coordinates map back by that factor exactly.
+    const int factor = (std::max(gray.cols, gray.rows) + workSide - 1) / workSide;
+    if (std::min(gray.cols, gray.rows) / factor < kMinFrameSide) return {};
     cv::Mat work = gray;
-    if (longSide > workSide) {
-      const double s = workSide / longSide;
-      const cv::Size size(std::max(1, static_cast<int>(std::lround(gray.cols * s))),
-                          std::max(1, static_cast<int>(std::lround(gray.rows * s))));
-      if (std::min(size.width, size.height) < kMinFrameSide) return {};
-      cv::resize(gray, work, size, 0, 0, cv::INTER_AREA);
-    }
-    const double sx = static_cast<double>(gray.cols) / work.cols;
-    const double sy = static_cast<double>(gray.rows) / work.rows;
+    if (factor > 1) cv::resize(gray, work, cv::Size(), 1.0 / factor, 1.0 / factor, cv::INTER_AREA);
+    const double sx = factor, sy = factor;
 
-    cv::Mat blurred;
-    // Low's smaller copy is smoothed more by the reduction itself; more blur there would
-    // erase thin outlines (a printed card's hairline border).
-    const int kernel = high ? 5 : 3;
-    cv::GaussianBlur(work, blurred, cv::Size(kernel, kernel), 0);
+    // High's copy is smoothed so that texture (wood grain, paper fibre) stays below the edge
+    // step; Low's smaller copy is smoothed enough by the reduction itself, and more blur there
+    // would erase thin outlines (a printed card's hairline border).
+    cv::Mat blurred = work;
+    if (high) cv::GaussianBlur(work, blurred, cv::Size(5, 5), 0);
     const double minArea = kMinAreaFraction * work.cols * work.rows;
     const double minSide = std::sqrt(minArea / 2.5);
     const double minLength = std::max(10.0, 0.4 * minSide);
@@ -644,8 +692,8 @@ class OpenCVRectangleDetector final : public RectangleDetector {
     for (Found& f : found)
       for (cv::Point2d& c : f.p) c = cv::Point2d((c.x + 0.5) * sx - 0.5, (c.y + 0.5) * sy - 0.5);
 
-    // Rank, then drop repeats of an outline (both sides of a dilated edge, both passes, closed
-    // contours and lines find the same ones): the best-ranked copy stays.
+    // Rank, then merge repeats of an outline (both sides of an edge band, closed contours and
+    // lines find the same ones).
     const cv::Point2d centre((gray.cols - 1) * 0.5, (gray.rows - 1) * 0.5);
     std::vector<Candidate> ranked;
     for (const Found& f : found) {
@@ -653,19 +701,29 @@ class OpenCVRectangleDetector final : public RectangleDetector {
       if (rank(c, centre, 1.5)) ranked.push_back(c);
     }
     const double reach = std::max(sx, sy) * 1.5 + 1.0;
-    std::vector<Candidate> kept = distinct(std::move(ranked), reach);
-    // Only the leaders are refined and ranked again; refining moves corners by a pixel or two,
+    // Edge bands are some three work pixels wide.
+    const double band = 3.0 * std::max(sx, sy) + 1.0;
+    std::vector<Candidate> kept = distinct(std::move(ranked), reach, band);
+    // Only the leaders are refined and ranked again; refining moves corners by a few pixels,
     // which can reorder near neighbours but not lift the tail.
     const size_t leaders = static_cast<size_t>(options_.maxFeatureCount) + 2;
     if (kept.size() > leaders) kept.resize(leaders);
     std::vector<Candidate> refined;
     for (Candidate c : kept) {
-      if (high)
-        for (int pass = 0; pass < 2; ++pass) refine(gray, reach, c.p);
+      // The full picture's (or at Low the work copy's) word on the quad replaces the edge
+      // bands' evidence, which clutter touching an outline can fake.
+      if (high) {
+        for (int pass = 0; pass < 2; ++pass) c.support = refine(gray, reach, c.p);
+      } else {
+        for (cv::Point2d& q : c.p) q = cv::Point2d((q.x + 0.5) / sx - 0.5, (q.y + 0.5) / sy - 0.5);
+        c.support = refine(work, 2.5, c.p);  // reach of a work pixel and a half
+        for (cv::Point2d& q : c.p) q = cv::Point2d((q.x + 0.5) * sx - 0.5, (q.y + 0.5) * sy - 0.5);
+      }
+      if (c.support < kMinFit) continue;
       c.area = std::abs(signedArea(c.p));
       if (rank(c, centre, 1.0)) refined.push_back(c);
     }
-    kept = distinct(std::move(refined), reach);
+    kept = distinct(std::move(refined), reach, band);
     if (kept.size() > static_cast<size_t>(options_.maxFeatureCount))
       kept.resize(static_cast<size_t>(options_.maxFeatureCount));
     std::vector<RectangleFeature> out;
@@ -674,16 +732,30 @@ class OpenCVRectangleDetector final : public RectangleDetector {
     return out;
   }
 
-  // Sorts by score, best first, and keeps the first of every group of near-identical quads.
-  static std::vector<Candidate> distinct(std::vector<Candidate> all, double reach) {
+  // Sorts by score, best first, and keeps the best of every group of near-identical quads
+  // (within `reach` plus 3 % of the quad's size). A member within `band` of the best one is
+  // the other side of the same edge band, one a little outside the edge and one a little
+  // inside: their corners are averaged, which puts them on the edge itself.
+  static std::vector<Candidate> distinct(std::vector<Candidate> all, double reach, double band) {
     std::stable_sort(all.begin(), all.end(),
                      [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
     std::vector<Candidate> kept;
+    std::vector<int> members;
     for (const Candidate& c : all) {
-      const double tolerance = reach + 0.03 * std::sqrt(c.area);
-      bool seen = false;
-      for (const Candidate& k : kept) seen = seen || sameQuad(k.p, c.p, tolerance);
-      if (!seen) kept.push_back(c);
+      size_t k = 0;
+      while (k < kept.size() && !sameQuad(kept[k].p, c.p, reach + 0.03 * std::sqrt(c.area))) ++k;
+      if (k == kept.size()) {
+        kept.push_back(c);
+        members.push_back(1);
+      } else if (sameQuad(kept[k].p, c.p, band)) {
+        const double n = members[k]++;
+        for (cv::Point2d& corner : kept[k].p) {
+          const cv::Point2d* match = &c.p[0];
+          for (const cv::Point2d& q : c.p)
+            if (cv::norm(q - corner) < cv::norm(*match - corner)) match = &q;
+          corner = (corner * n + *match) / (n + 1);
+        }
+      }
     }
     return kept;
   }

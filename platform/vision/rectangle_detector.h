@@ -18,12 +18,14 @@ namespace kwq::platform {
 
 /// How hard the detector looks.
 enum class RectangleAccuracy : uint8_t {
-  /// Fast: edges searched on a copy reduced to a long side of at most 400 pixels; corners as
-  /// found there (a few pixels off on large frames).
+  /// Fast: edges searched on a copy reduced by a whole factor to a long side of at most 400
+  /// pixels, sides re-fitted there (corners within a pixel or two of that copy, so a few
+  /// pixels on large frames; faint outlines such as hairlines may be missed).
   Low,
-  /// Thorough: edges searched on a copy whose long side is at most 640, and every side of the
-  /// leading quadrilaterals re-fitted on the full picture, so corners land within about a
-  /// pixel of the sharp corners the sides span (rounded corners are cut off).
+  /// Thorough: edges searched on a smoothed copy reduced by a whole factor to a long side of
+  /// at most 640, and the sides of the leading quadrilaterals re-fitted twice on the full
+  /// picture, so corners land within a fraction of a pixel of the sharp corners the sides
+  /// span (rounded corners are cut off).
   High,
 };
 
