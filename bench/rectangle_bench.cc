@@ -1,0 +1,184 @@
+// Speed of the rectangle detector against the plain OpenCV recipe for finding quadrilaterals,
+// on the same 1280 x 720 NV12 frame (frame 0 of the synthetic camera's scene: the ID card on
+// the desk) in the same run, single-threaded. The peer is what a user would otherwise write
+// at full size: cvtColor NV12 to gray, Canny 50/150, findContours (list, simple chains), then
+// approxPolyDP at 2 % of each contour's perimeter, keeping the convex four-vertex ones. Ours
+// is featuresInImage on the pixel buffer, with the engine's card settings (high accuracy,
+// aspect ratio 1.592593, focal length 0) and at low accuracy. Prints Google Benchmark's
+// report and then one table of medians of CPU time: measure | ours ms | peer ms | ratio | target.
+//
+//   cmake -S . -B build-rect -G Ninja && ninja -C build-rect rectangle_bench &&
+//   ./build-rect/bench/rectangle_bench
+//
+// Usual Google Benchmark flags (--benchmark_filter=..., --benchmark_min_time=...) apply.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <opencv2/core.hpp>
+#include <opencv2/core/utility.hpp>
+#include <opencv2/imgproc.hpp>
+#include <string>
+#include <vector>
+
+#include "capture/card_detection.h"
+#include "platform/media/synthetic_scene.h"
+#include "platform/vision/rectangle_detector.h"
+
+namespace {
+
+constexpr int kWidth = 1280, kHeight = 720;
+
+struct Inputs {
+  kwq::PixelBuffer frame;  // 420f, the detector's input
+  cv::Mat nv12;            // the same bytes packed as OpenCV's NV12 (luma rows, then chroma)
+  std::shared_ptr<const kwq::platform::RectangleDetector> high = kwq::makeCardRectangleDetector();
+  std::shared_ptr<const kwq::platform::RectangleDetector> low;
+
+  Inputs() {
+    kwq::platform::SyntheticScene scene({});
+    cv::Mat bgra(kHeight, kWidth, CV_8UC4), yuv;
+    scene.render(0, {}, bgra.data, bgra.step[0]);
+    cv::Mat bgr;
+    cv::cvtColor(bgra, bgr, cv::COLOR_BGRA2BGR);
+    cv::cvtColor(bgr, yuv, cv::COLOR_BGR2YUV_I420);  // Y plane, then U and V planes
+    nv12.create(kHeight * 3 / 2, kWidth, CV_8UC1);
+    std::memcpy(nv12.data, yuv.data, static_cast<size_t>(kWidth) * kHeight);
+    const uint8_t* u = yuv.data + kWidth * kHeight;
+    const uint8_t* v = u + kWidth * kHeight / 4;
+    uint8_t* uv = nv12.data + kWidth * kHeight;
+    for (int i = 0; i < kWidth * kHeight / 4; ++i) {
+      uv[2 * i] = u[i];
+      uv[2 * i + 1] = v[i];
+    }
+
+    frame = kwq::PixelBuffer::allocate(kwq::kPixelFormat420f, kWidth, kHeight);
+    frame.lockBaseAddress();
+    for (size_t plane = 0; plane < 2; ++plane) {
+      const uint8_t* src = nv12.data + (plane ? kWidth * kHeight : 0);
+      for (size_t y = 0; y < frame.heightOfPlane(plane); ++y)
+        std::memcpy(frame.baseAddressOfPlane(plane) + y * frame.bytesPerRowOfPlane(plane),
+                    src + y * kWidth, kWidth);
+    }
+    frame.unlockBaseAddress();
+
+    auto options = kwq::cardRectangleDetectorOptions();
+    options.accuracy = kwq::platform::RectangleAccuracy::Low;
+    low = kwq::platform::createRectangleDetector(options);
+  }
+};
+
+Inputs& inputs() {
+  static Inputs in;
+  return in;
+}
+
+void oursHigh(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(inputs().high->featuresInImage(inputs().frame));
+}
+
+void oursLow(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(inputs().low->featuresInImage(inputs().frame));
+}
+
+void peer(benchmark::State& state) {
+  cv::Mat gray, edges;
+  std::vector<std::vector<cv::Point>> contours;
+  std::vector<cv::Point> poly;
+  for (auto _ : state) {
+    cv::cvtColor(inputs().nv12, gray, cv::COLOR_YUV2GRAY_NV12);
+    cv::Canny(gray, edges, 50, 150);
+    cv::findContours(edges, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
+    int quads = 0;
+    for (const auto& contour : contours) {
+      cv::approxPolyDP(contour, poly, 0.02 * cv::arcLength(contour, true), true);
+      quads += poly.size() == 4 && cv::isContourConvex(poly);
+    }
+    benchmark::DoNotOptimize(quads);
+  }
+}
+
+struct Row {
+  const char* measure;
+  const char* ours;
+  const char* target;
+};
+
+const Row kRows[] = {
+    {"featuresInImage high (card settings), 1280x720 420f vs Canny+findContours+approxPolyDP",
+     "ours/high", "<= 0.5"},
+    {"featuresInImage low (card settings), 1280x720 420f vs Canny+findContours+approxPolyDP",
+     "ours/low", "<= 0.5"},
+};
+
+// Keeps the median of each benchmark's repetitions, in CPU milliseconds, for the closing table
+// (CPU time, because the machines this runs on are shared: wall time also counts the moments
+// another process holds the core).
+class TableReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.aggregate_name == "median") {
+        const double seconds =
+            run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
+        medians_[run.run_name.function_name] = seconds * 1e3;
+      }
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+
+  void printTable() const {
+    const double peerMs = lookup("peer/canny_contours");
+    std::printf("\nmeasure | ours ms | peer ms | ratio | target\n");
+    for (const Row& row : kRows) {
+      const double ours = lookup(row.ours);
+      if (ours < 0) continue;
+      if (peerMs > 0)
+        std::printf("%s | %.2f | %.2f | %.3f | %s\n", row.measure, ours, peerMs, ours / peerMs,
+                    row.target);
+      else
+        std::printf("%s | %.2f | - | - | %s\n", row.measure, ours, row.target);
+    }
+  }
+
+ private:
+  double lookup(const char* name) const {
+    const auto it = medians_.find(name);
+    return it == medians_.end() ? -1 : it->second;
+  }
+  std::map<std::string, double> medians_;
+};
+
+void registerAll() {
+  const struct {
+    const char* name;
+    void (*fn)(benchmark::State&);
+  } cases[] = {{"ours/high", oursHigh}, {"peer/canny_contours", peer}, {"ours/low", oursLow}};
+  for (const auto& c : cases) {
+    benchmark::RegisterBenchmark(c.name, c.fn)
+        ->Unit(benchmark::kMillisecond)
+        ->Repetitions(5)
+        ->ReportAggregatesOnly(true);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  cv::setNumThreads(1);  // both sides single-threaded
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  registerAll();
+  // Render the frame before timing, and check that ours finds the card in it.
+  if (inputs().high->featuresInImage(inputs().frame).size() != 1) {
+    std::fprintf(stderr, "the card was not found in the benchmark frame\n");
+    return 1;
+  }
+  TableReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.printTable();
+  benchmark::Shutdown();
+  return 0;
+}
