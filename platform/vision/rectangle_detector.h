@@ -70,11 +70,14 @@ class RectangleDetector {
  public:
   virtual ~RectangleDetector() = default;
 
-  /// The rectangles of a frame, most prominent first (large, and near the aspect-ratio hint),
-  /// at most `maxFeatureCount`. Reads 420f and 420v frames' luma plane in place, and BGRA
-  /// frames converted to gray. Empty for the null buffer, another pixel format, a buffer that
-  /// cannot be locked, a frame smaller than 16 pixels on a side, and on any internal failure;
-  /// never throws. Thread: any; the buffer is locked read-only for the call.
+  /// The rectangles of a frame, most prominent first (large, well outlined, and near the
+  /// aspect-ratio hint), at most `maxFeatureCount`. A rectangle is at least 0.8 % of the
+  /// frame's area and wholly inside it (one cut off by the frame's edge is not reported).
+  /// Reads 420f and 420v frames' luma plane in place, and BGRA frames converted to gray.
+  /// Empty for the null buffer, another pixel format, a buffer that cannot be locked, a frame
+  /// smaller than 16 pixels on a side (or so long and thin that its reduced copy is), and on
+  /// any internal failure; never throws. Thread: any; the buffer is locked read-only for the
+  /// call, and scratch memory of about one luma plane is used per call.
   virtual std::vector<RectangleFeature> featuresInImage(const PixelBuffer& frame) const = 0;
 
   /// The same for an image's bitmap (its orientation and scale are not applied), in the
