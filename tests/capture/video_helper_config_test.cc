@@ -286,13 +286,9 @@ TEST_F(VideoHelperTest, RecordingFollowsStartAndStop) {
   engine->setRecordCameraData(true);
   engine->startVideoCapture();
   EXPECT_TRUE(recorder.isRecording());
-  // Frames go to the recorder from the frame step; here one frame is handed over directly.
-  SampleBuffer frame;
-  ASSERT_TRUE(pumpMainContextUntil([&] {
-    frame = platform::sessionLatestFrame(*engine->session());
-    return !frame.isNull();
-  }));
-  ASSERT_TRUE(recorder.appendCameraData(frame));
+  // The frame step hands every frame to the recorder; a few frames make a movie.
+  ASSERT_TRUE(
+      pumpMainContextUntil([&] { return engine->videoDataOutput()->deliveredFrameCount() >= 5; }));
   engine->stopVideoCapture();
   EXPECT_FALSE(engine->session()->isRunning());
   ASSERT_TRUE(recorder.waitForPendingSaves(60s));
