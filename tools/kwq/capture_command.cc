@@ -213,7 +213,7 @@ std::string progressLine(const CaptureMonitor& monitor, const KWQVideoHelper& en
   if (options.frames) line += "/" + std::to_string(*options.frames);
   line += "  " + format("%.1f", seconds > 0 ? frames / seconds : 0.0) + " fps";
   line += "  dropped " + std::to_string(monitor.dropped(*engine.videoDataOutput(), synthetic));
-  line += "  stable " + std::to_string(monitor.stableFrames());
+  if (options.cardMode) line += "  stable " + std::to_string(monitor.stableFrames());
   line += "  code " + code;
   return line;
 }

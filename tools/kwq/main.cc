@@ -51,11 +51,16 @@ int main(int argc, char** argv) {
     return code == 0 ? 0 : 2;
   }
 
-  if (*captureCommand) {
-    capture.cardMode = mode == "card";
-    capture.liveProgress = ::isatty(STDOUT_FILENO) != 0;
-    return kwq::tool::runCapture(capture, std::cout, std::cerr);
+  try {
+    if (*captureCommand) {
+      capture.cardMode = mode == "card";
+      capture.liveProgress = ::isatty(STDOUT_FILENO) != 0;
+      return kwq::tool::runCapture(capture, std::cout, std::cerr);
+    }
+    if (*quality) return kwq::tool::runQuality(qualityFiles, std::cout, std::cerr);
+  } catch (const std::exception& e) {  // out of memory and the like: one line, not a core
+    std::cerr << "kwq: " << e.what() << '\n';
+    return 1;
   }
-  if (*quality) return kwq::tool::runQuality(qualityFiles, std::cout, std::cerr);
   return 0;
 }
