@@ -62,8 +62,8 @@ Image bgra(std::vector<uint8_t> bytes) {
 std::vector<SampleImage> builtInSamples() {
   std::vector<uint8_t> sharp = testCard(), soft = sharp;
   for (int pass = 0; pass < 3; ++pass) {
-    boxBlur(soft, 3, true);
-    boxBlur(soft, 3, false);
+    boxBlur(soft, 8, true);
+    boxBlur(soft, 8, false);
   }
   std::vector<SampleImage> samples{{"test card (sharp)", bgra(std::move(sharp))},
                                    {"test card (soft)", bgra(std::move(soft))}};
