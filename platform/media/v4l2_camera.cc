@@ -2,11 +2,9 @@
 
 #include <fcntl.h>
 #include <linux/videodev2.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <mutex>
 
@@ -18,14 +16,6 @@
 
 namespace kwq::platform {
 namespace {
-
-int xioctl(int fd, unsigned long request, void* arg) {
-  int r;
-  do {
-    r = ioctl(fd, request, arg);
-  } while (r == -1 && errno == EINTR);
-  return r;
-}
 
 struct NodeInfo {
   std::string card;

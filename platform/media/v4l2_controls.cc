@@ -21,14 +21,6 @@ constexpr uint32_t kMappedControls[] = {V4L2_CID_FOCUS_AUTO,         V4L2_CID_FO
                                         V4L2_CID_FLASH_STROBE,       V4L2_CID_FLASH_TORCH_INTENSITY,
                                         V4L2_CID_CAMERA_ORIENTATION};
 
-int xioctl(int fd, unsigned long request, void* arg) {
-  int r;
-  do {
-    r = ioctl(fd, request, arg);
-  } while (r == -1 && errno == EINTR);
-  return r;
-}
-
 class IoctlControlDevice final : public V4l2ControlDevice {
  public:
   explicit IoctlControlDevice(int fd) : fd_(fd) {}
@@ -76,6 +68,14 @@ class IoctlControlDevice final : public V4l2ControlDevice {
 };
 
 }  // namespace
+
+int xioctl(int fd, unsigned long request, void* arg) {
+  int r;
+  do {
+    r = ioctl(fd, request, arg);
+  } while (r == -1 && errno == EINTR);
+  return r;
+}
 
 std::unique_ptr<V4l2ControlDevice> openV4l2ControlDevice(const std::string& path) {
   const int fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);

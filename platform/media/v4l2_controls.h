@@ -48,6 +48,9 @@ class V4l2ControlDevice {
   virtual bool set(uint32_t id, int64_t value) = 0;
 };
 
+/// ioctl(2), repeated while a signal interrupts it.
+int xioctl(int fd, unsigned long request, void* arg);
+
 /// The controls of the device node at `path` (ioctls on a descriptor kept open); null when it
 /// cannot be opened.
 std::unique_ptr<V4l2ControlDevice> openV4l2ControlDevice(const std::string& path);
