@@ -13,7 +13,6 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
-#include <map>
 #include <opencv2/core.hpp>
 #include <opencv2/core/utility.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -22,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_report.h"
 #include "kwqimage/KWQImagingHelper.h"
 
 #ifndef KWQ_OPENCV_DATA_DIR
@@ -78,54 +78,11 @@ void peer(benchmark::State& state) {
   }
 }
 
-struct Row {
-  const char* measure;
-  const char* ours;
-  const char* target;
-  double limit;
-};
-
-const Row kRows[] = {
+const kwq::bench::MedianRow kRows[] = {
     {"getKWQFaceFeaturesWithAccuracy 0, 640x480 vs detectMultiScale(default cascade)",
-     "ours/accuracy_0", "<= 0.5", 0.5},
+     "ours/accuracy_0", "peer/detect_multiscale", "<= 0.5"},
     {"getKWQFaceFeaturesWithAccuracy 1, 640x480 vs detectMultiScale(default cascade)",
-     "ours/accuracy_1", "<= 1.5", 1.5},
-};
-
-// Keeps the median of each benchmark's repetitions, in milliseconds, for the closing table.
-class TableReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.aggregate_name == "median") {
-        const double seconds =
-            run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-        medians_[run.run_name.function_name] = seconds * 1e3;
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void printTable() const {
-    const double peerMs = lookup("peer/detect_multiscale");
-    std::printf("\nmeasure | ours ms | peer ms | ratio | target\n");
-    for (const Row& row : kRows) {
-      const double ours = lookup(row.ours);
-      if (ours < 0) continue;
-      if (peerMs > 0)
-        std::printf("%s | %.2f | %.2f | %.3f | %s\n", row.measure, ours, peerMs, ours / peerMs,
-                    row.target);
-      else
-        std::printf("%s | %.2f | - | - | %s\n", row.measure, ours, row.target);
-    }
-  }
-
- private:
-  double lookup(const char* name) const {
-    const auto it = medians_.find(name);
-    return it == medians_.end() ? -1 : it->second;
-  }
-  std::map<std::string, double> medians_;
+     "ours/accuracy_1", "peer/detect_multiscale", "<= 1.5"},
 };
 
 void registerAll() {
@@ -152,9 +109,9 @@ int main(int argc, char** argv) {
   registerAll();
   // Decode, and load our cascades, before timing: both sides load theirs once per process.
   benchmark::DoNotOptimize(kwq::getKWQFaceFeaturesWithAccuracy(inputs().image, 1));
-  TableReporter reporter;
+  kwq::bench::MedianReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printTable();
+  kwq::bench::printMedianTable(reporter, kRows);
   benchmark::Shutdown();
   return 0;
 }

@@ -34,6 +34,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/bench_report.h"
 #include "capture/KWQVideoHelperState.h"
 #include "kwqimage/KWQVideoHelper.h"
 #include "platform/media/synthetic_camera.h"
@@ -245,10 +246,7 @@ void printTable() {
     const double ours = percentile(oursTimes.*row.times, row.p);
     const double peer = percentile(peerTimes.*row.times, row.p);
     if (ours < 0) continue;
-    if (peer > 0)
-      std::printf("%s | %.2f | %.2f | %.2f | %s\n", row.name, ours, peer, ours / peer, row.target);
-    else
-      std::printf("%s | %.2f | - | - | %s\n", row.name, ours, row.target);
+    kwq::bench::printRatioRow(row.name, ours, peer, row.target, 2, 2);
   }
   if (deliveredPercent >= 0)
     std::printf(

@@ -12,13 +12,13 @@
 #include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <opencv2/core.hpp>
 #include <opencv2/core/utility.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <string>
 
+#include "bench/bench_report.h"
 #include "kwqimage/KWQImagingHelper.h"
 #include "kwqimage/kwq_quality.h"
 
@@ -109,14 +109,7 @@ void oursBrightness(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(kwq::calculateBrightness(inputs().grayImage));
 }
 
-struct Row {
-  const char* measure;
-  const char* ours;
-  const char* peer;  // nullptr: reported without a peer
-  const char* target;
-};
-
-const Row kRows[] = {
+const kwq::bench::MedianRow kRows[] = {
     {"TwoPiFocusAssess 640x480 vs Laplacian+meanStdDev", "ours/two_pi", "peer/two_pi", "<= 0.5"},
     {"calculateFocus 1920x1080 BGRA vs gray+half+Laplacian+meanStdDev", "ours/calculate_focus",
      "peer/calculate_focus", "<= 1.0"},
@@ -124,46 +117,6 @@ const Row kRows[] = {
      "peer/gray_halve", "<= 1.0"},
     {"calculateFocusScore(1,1,10) 1920x1080 BGRA", "ours/focus_score", nullptr, "-"},
     {"calculateBrightness 1920x1080 gray", "ours/brightness", nullptr, "-"},
-};
-
-// Keeps the median of each benchmark's repetitions, in milliseconds, for the closing table.
-class TableReporter : public benchmark::ConsoleReporter {
- public:
-  // Colour only on a terminal, so a saved report is plain text.
-  TableReporter() : ConsoleReporter(isatty(fileno(stdout)) ? OO_ColorTabular : OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.aggregate_name == "median") {
-        const double seconds =
-            run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-        medians_[run.run_name.function_name] = seconds * 1e3;
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void printTable() const {
-    std::printf("\nmeasure | ours ms | peer ms | ratio | target\n");
-    for (const Row& row : kRows) {
-      const double ours = lookup(row.ours);
-      if (ours < 0) continue;
-      const double peer = row.peer ? lookup(row.peer) : -1;
-      if (peer > 0) {
-        std::printf("%s | %.4f | %.4f | %.3f | %s\n", row.measure, ours, peer, ours / peer,
-                    row.target);
-      } else {
-        std::printf("%s | %.4f | - | - | %s\n", row.measure, ours, row.target);
-      }
-    }
-  }
-
- private:
-  double lookup(const char* name) const {
-    const auto it = medians_.find(name);
-    return it == medians_.end() ? -1 : it->second;
-  }
-  std::map<std::string, double> medians_;
 };
 
 void registerAll() {
@@ -190,9 +143,13 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   registerAll();
   inputs();  // decode and convert before timing
-  TableReporter reporter;
+  // Colour only on a terminal, so a saved report is plain text.
+  kwq::bench::MedianReporter reporter(kwq::bench::MedianOf::RealTime,
+                                      isatty(fileno(stdout))
+                                          ? benchmark::ConsoleReporter::OO_ColorTabular
+                                          : benchmark::ConsoleReporter::OO_Tabular);
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printTable();
+  kwq::bench::printMedianTable(reporter, kRows, 4);
   benchmark::Shutdown();
   return 0;
 }

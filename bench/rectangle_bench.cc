@@ -16,13 +16,13 @@
 
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <opencv2/core.hpp>
 #include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
 #include <string>
 #include <vector>
 
+#include "bench/bench_report.h"
 #include "capture/card_detection.h"
 #include "platform/media/synthetic_scene.h"
 #include "platform/vision/rectangle_detector.h"
@@ -100,55 +100,11 @@ void peer(benchmark::State& state) {
   }
 }
 
-struct Row {
-  const char* measure;
-  const char* ours;
-  const char* target;
-};
-
-const Row kRows[] = {
+const kwq::bench::MedianRow kRows[] = {
     {"featuresInImage high (card settings), 1280x720 420f vs Canny+findContours+approxPolyDP",
-     "ours/high", "<= 0.5"},
+     "ours/high", "peer/canny_contours", "<= 0.5"},
     {"featuresInImage low (card settings), 1280x720 420f vs Canny+findContours+approxPolyDP",
-     "ours/low", "<= 0.5"},
-};
-
-// Keeps the median of each benchmark's repetitions, in CPU milliseconds, for the closing table
-// (CPU time, because the machines this runs on are shared: wall time also counts the moments
-// another process holds the core).
-class TableReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.aggregate_name == "median") {
-        const double seconds =
-            run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-        medians_[run.run_name.function_name] = seconds * 1e3;
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void printTable() const {
-    const double peerMs = lookup("peer/canny_contours");
-    std::printf("\nmeasure | ours ms | peer ms | ratio | target\n");
-    for (const Row& row : kRows) {
-      const double ours = lookup(row.ours);
-      if (ours < 0) continue;
-      if (peerMs > 0)
-        std::printf("%s | %.2f | %.2f | %.3f | %s\n", row.measure, ours, peerMs, ours / peerMs,
-                    row.target);
-      else
-        std::printf("%s | %.2f | - | - | %s\n", row.measure, ours, row.target);
-    }
-  }
-
- private:
-  double lookup(const char* name) const {
-    const auto it = medians_.find(name);
-    return it == medians_.end() ? -1 : it->second;
-  }
-  std::map<std::string, double> medians_;
+     "ours/low", "peer/canny_contours", "<= 0.5"},
 };
 
 void registerAll() {
@@ -176,9 +132,11 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "the card was not found in the benchmark frame\n");
     return 1;
   }
-  TableReporter reporter;
+  // CPU time, because the machines this runs on are shared: wall time also counts the moments
+  // another process holds the core.
+  kwq::bench::MedianReporter reporter(kwq::bench::MedianOf::CpuTime);
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.printTable();
+  kwq::bench::printMedianTable(reporter, kRows);
   benchmark::Shutdown();
   return 0;
 }
