@@ -81,4 +81,21 @@ inline void printMedianTable(const MedianReporter& reporter, std::span<const Med
   }
 }
 
+// One benchmark to register: its name and body.
+struct BenchCase {
+  const char* name;
+  void (*fn)(benchmark::State&);
+};
+
+// Registers each case in milliseconds with five repetitions, reporting only the aggregates the
+// closing table reads.
+inline void registerRepeated(std::span<const BenchCase> cases) {
+  for (const BenchCase& c : cases) {
+    benchmark::RegisterBenchmark(c.name, c.fn)
+        ->Unit(benchmark::kMillisecond)
+        ->Repetitions(5)
+        ->ReportAggregatesOnly(true);
+  }
+}
+
 }  // namespace kwq::bench

@@ -86,18 +86,10 @@ const kwq::bench::MedianRow kRows[] = {
 };
 
 void registerAll() {
-  const struct {
-    const char* name;
-    void (*fn)(benchmark::State&);
-  } cases[] = {{"ours/accuracy_0", oursLow},
-               {"peer/detect_multiscale", peer},
-               {"ours/accuracy_1", oursHigh}};
-  for (const auto& c : cases) {
-    benchmark::RegisterBenchmark(c.name, c.fn)
-        ->Unit(benchmark::kMillisecond)
-        ->Repetitions(5)
-        ->ReportAggregatesOnly(true);
-  }
+  const kwq::bench::BenchCase cases[] = {{"ours/accuracy_0", oursLow},
+                                         {"peer/detect_multiscale", peer},
+                                         {"ours/accuracy_1", oursHigh}};
+  kwq::bench::registerRepeated(cases);
 }
 
 }  // namespace

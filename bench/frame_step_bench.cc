@@ -35,6 +35,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/bench_report.h"
+#include "bench/opencv_peer.h"
 #include "capture/KWQVideoHelperState.h"
 #include "kwqimage/KWQVideoHelper.h"
 #include "platform/media/synthetic_camera.h"
@@ -149,23 +150,13 @@ void oursFrameStep(benchmark::State& state) {
 }
 
 void peerRecipe(benchmark::State& state) {
-  cv::Mat gray, edges;
-  std::vector<std::vector<cv::Point>> contours;
-  std::vector<cv::Point> poly;
+  kwq::bench::QuadRecipeScratch scratch;
   size_t i = 0;
   for (auto _ : state) {
     const cv::Mat& nv12 = frames()[i++ % frames().size()].nv12;
     const double cpu0 = threadCpuMs();
     const auto wall0 = Clock::now();
-    cv::cvtColor(nv12, gray, cv::COLOR_YUV2GRAY_NV12);
-    cv::Canny(gray, edges, 50, 150);
-    cv::findContours(edges, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
-    int quads = 0;
-    for (const auto& contour : contours) {
-      cv::approxPolyDP(contour, poly, 0.02 * cv::arcLength(contour, true), true);
-      quads += poly.size() == 4 && cv::isContourConvex(poly);
-    }
-    benchmark::DoNotOptimize(quads);
+    benchmark::DoNotOptimize(kwq::bench::findQuadsPeer(nv12, scratch));
     const double wall = std::chrono::duration<double, std::milli>(Clock::now() - wall0).count();
     peerTimes.cpu.push_back(threadCpuMs() - cpu0);
     peerTimes.wall.push_back(wall);

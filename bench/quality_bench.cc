@@ -120,19 +120,12 @@ const kwq::bench::MedianRow kRows[] = {
 };
 
 void registerAll() {
-  const struct {
-    const char* name;
-    void (*fn)(benchmark::State&);
-  } cases[] = {{"ours/two_pi", oursTwoPi},           {"peer/two_pi", peerTwoPi},
-               {"ours/calculate_focus", oursFocus},  {"peer/calculate_focus", peerFocus},
-               {"ours/gray_halve", oursHalve},       {"peer/gray_halve", peerHalve},
-               {"ours/focus_score", oursFocusScore}, {"ours/brightness", oursBrightness}};
-  for (const auto& c : cases) {
-    benchmark::RegisterBenchmark(c.name, c.fn)
-        ->Unit(benchmark::kMillisecond)
-        ->Repetitions(5)
-        ->ReportAggregatesOnly(true);
-  }
+  const kwq::bench::BenchCase cases[] = {
+      {"ours/two_pi", oursTwoPi},           {"peer/two_pi", peerTwoPi},
+      {"ours/calculate_focus", oursFocus},  {"peer/calculate_focus", peerFocus},
+      {"ours/gray_halve", oursHalve},       {"peer/gray_halve", peerHalve},
+      {"ours/focus_score", oursFocusScore}, {"ours/brightness", oursBrightness}};
+  kwq::bench::registerRepeated(cases);
 }
 
 }  // namespace

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "bench/bench_report.h"
+#include "bench/opencv_peer.h"
 #include "capture/card_detection.h"
 #include "platform/media/synthetic_scene.h"
 #include "platform/vision/rectangle_detector.h"
@@ -84,20 +85,8 @@ void oursLow(benchmark::State& state) {
 }
 
 void peer(benchmark::State& state) {
-  cv::Mat gray, edges;
-  std::vector<std::vector<cv::Point>> contours;
-  std::vector<cv::Point> poly;
-  for (auto _ : state) {
-    cv::cvtColor(inputs().nv12, gray, cv::COLOR_YUV2GRAY_NV12);
-    cv::Canny(gray, edges, 50, 150);
-    cv::findContours(edges, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
-    int quads = 0;
-    for (const auto& contour : contours) {
-      cv::approxPolyDP(contour, poly, 0.02 * cv::arcLength(contour, true), true);
-      quads += poly.size() == 4 && cv::isContourConvex(poly);
-    }
-    benchmark::DoNotOptimize(quads);
-  }
+  kwq::bench::QuadRecipeScratch scratch;
+  for (auto _ : state) benchmark::DoNotOptimize(kwq::bench::findQuadsPeer(inputs().nv12, scratch));
 }
 
 const kwq::bench::MedianRow kRows[] = {
@@ -108,16 +97,9 @@ const kwq::bench::MedianRow kRows[] = {
 };
 
 void registerAll() {
-  const struct {
-    const char* name;
-    void (*fn)(benchmark::State&);
-  } cases[] = {{"ours/high", oursHigh}, {"peer/canny_contours", peer}, {"ours/low", oursLow}};
-  for (const auto& c : cases) {
-    benchmark::RegisterBenchmark(c.name, c.fn)
-        ->Unit(benchmark::kMillisecond)
-        ->Repetitions(5)
-        ->ReportAggregatesOnly(true);
-  }
+  const kwq::bench::BenchCase cases[] = {
+      {"ours/high", oursHigh}, {"peer/canny_contours", peer}, {"ours/low", oursLow}};
+  kwq::bench::registerRepeated(cases);
 }
 
 }  // namespace
