@@ -196,9 +196,32 @@ class KWQ_EXPORT KWQVideoHelper : public CaptureVideoDataOutputSampleBufferDeleg
   /// The mode is read once per frame. A delegate that throws loses that frame (logged).
   void captureOutput(VideoDataOutput& output, const SampleBuffer& sampleBuffer,
                      CaptureConnection& connection) override;
-  /// Faces and codes found in a frame, on the main queue.
+  /// Faces and codes found in a frame, on the main queue (the output and connection are not
+  /// used). barcodeRect() is reset first. Codes, in array order: parsedData() takes each code's
+  /// text (none when undecodable); with showBarcodeBoundingBox() on and four corners (in
+  /// preview points P0..P3) the host's barcodeLineLayer() gets the outline P3-P2, P3-P0, P0-P1,
+  /// P2-P1 and barcodeRect() becomes (P3.x, P3.y, P2.x - P3.x, P0.y - P3.y), signs as they
+  /// fall. Faces: the widest by normalised width (strictly wider wins, zero width never);
+  /// without one the centre box is queued red and faceRect() becomes zero, nothing else
+  /// changes. With one: its preview-point rectangle R and its angles are taken (hasRollAngle()
+  /// copies the yaw flag, so roll is tested exactly when yaw is known); with showCenterBox()
+  /// on the centre box is placed 30/50 points inside the preview and judged: R not inside it
+  /// queues red; a roll or yaw other than 0 turns it red at once; a width strictly between
+  /// minHeadSize() and maxHeadSize() queues green and sets isHeadCentered(); otherwise red.
+  /// With showFaceBoundingBox() on, a face box is made when there is none and queued to the
+  /// preview, then queued to R; off, the box is queued off the preview. Last, faceRect() = R.
   void captureOutput(MetadataOutput& output, const MetadataObjects& metadataObjects,
                      CaptureConnection& connection) override;
+
+  /// Forgets the face rectangle (faceRect() to zero); angles, flags and layers stay. For the
+  /// host after it has used a face. Thread: main.
+  void clearFaceData();
+  /// Forgets the code: barcodeRect() to zero, parsedData() to "" and the outline layer taken
+  /// off its superlayer and released (outlines stop until the host assigns a layer again).
+  /// Thread: main.
+  void clearBarcodeData();
+  /// The point at `index` of a code's corner list; the zero point past the end. Thread: any.
+  static Point pointFromArray(const std::vector<Point>& array, size_t index);
 
   struct State;
   /// The engine's fields, for the engine's own source files.
