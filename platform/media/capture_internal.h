@@ -138,6 +138,8 @@ struct MetadataOutput::Impl : platform::FrameConsumer,
   void consumeFrame(const SampleBuffer& sample) override;
   void sessionStopped() override;
   void recognizeNext();  // on the recognition queue
+  // Counts a delegate call and its latency; on the delegate queue.
+  void noteCallback(const MetadataObjects& found, std::chrono::steady_clock::time_point arrived);
 
   std::weak_ptr<MetadataOutput> self;
   std::shared_ptr<CaptureConnection> connection;
@@ -149,8 +151,13 @@ struct MetadataOutput::Impl : platform::FrameConsumer,
   std::shared_ptr<DispatchQueue> queue;
   Recognizer recognizer;
   SampleBuffer waiting;
+  std::chrono::steady_clock::time_point waitingSince;  // when `waiting` arrived
   bool scheduled = false;
   bool lastHadObjects = false;
+  MetadataOutputStatistics stats;  // latency fields filled on request from `latencies`
+  std::vector<double> latencies;   // ring of the last kLatencyWindow, milliseconds
+  size_t nextLatency = 0;
+  static constexpr size_t kLatencyWindow = 512;
   std::shared_ptr<OutputAttachment> attachment;
 };
 

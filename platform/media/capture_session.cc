@@ -419,7 +419,9 @@ void MetadataOutput::Impl::consumeFrame(const SampleBuffer& sample) {
   {
     std::lock_guard lock(mutex);
     if (!recognizer || (types.empty() && !lastHadObjects) || !queue || delegate.expired()) return;
+    if (!waiting.isNull()) ++stats.framesSkipped;
     waiting = sample;  // the newest frame; an older one still waiting is dropped
+    waitingSince = std::chrono::steady_clock::now();
     if (scheduled) return;
     scheduled = true;
     if (!recognitionQueue) recognitionQueue = DispatchQueue::createSerial("MetadataOutputQueue");
@@ -433,16 +435,55 @@ void MetadataOutput::Impl::sessionStopped() {
   waiting = {};
 }
 
+MetadataOutputStatistics MetadataOutput::statistics() const {
+  std::vector<double> sorted;
+  MetadataOutputStatistics out;
+  {
+    std::lock_guard lock(d_->mutex);
+    out = d_->stats;
+    sorted = d_->latencies;
+  }
+  if (!sorted.empty()) {
+    std::sort(sorted.begin(), sorted.end());
+    auto at = [&](double q) { return sorted[static_cast<size_t>(q * (sorted.size() - 1) + 0.5)]; };
+    out.latencyP50Milliseconds = at(0.50);
+    out.latencyP95Milliseconds = at(0.95);
+  }
+  return out;
+}
+
+void MetadataOutput::Impl::noteCallback(const MetadataObjects& found,
+                                        std::chrono::steady_clock::time_point arrived) {
+  const double ms =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - arrived).count();
+  const bool faces = std::any_of(found.begin(), found.end(),
+                                 [](const auto& o) { return o->type == AVMetadataObjectTypeFace; });
+  std::lock_guard lock(mutex);
+  ++stats.callbacks;
+  if (faces) ++stats.callbacksWithFaces;
+  if (std::any_of(found.begin(), found.end(),
+                  [](const auto& o) { return o->type != AVMetadataObjectTypeFace; }))
+    ++stats.callbacksWithCodes;
+  if (latencies.size() < kLatencyWindow)
+    latencies.push_back(ms);
+  else
+    latencies[nextLatency] = ms;
+  nextLatency = (nextLatency + 1) % kLatencyWindow;
+}
+
 void MetadataOutput::Impl::recognizeNext() {
   SampleBuffer frame;
   Recognizer recognize;
   std::vector<std::string> wanted;
+  std::chrono::steady_clock::time_point arrived;
   {
     std::lock_guard lock(mutex);
     frame = std::move(waiting);
     waiting = {};
+    arrived = waitingSince;
     recognize = recognizer;
     wanted = types;
+    if (!frame.isNull()) ++stats.framesExamined;
   }
   if (!frame.isNull() && recognize) {
     MetadataObjects found;
@@ -466,12 +507,13 @@ void MetadataOutput::Impl::recognizeNext() {
       lastHadObjects = !found.empty();
     }
     if (target) {
-      target->async([self = shared_from_this(), listener, found = std::move(found)] {
+      target->async([self = shared_from_this(), listener, found = std::move(found), arrived] {
         auto d = listener.lock();
         auto output = self->self.lock();
-        if (d && output)
-          runDelegateCall("metadata output",
-                          [&] { d->captureOutput(*output, found, *self->connection); });
+        if (!d || !output) return;
+        self->noteCallback(found, arrived);
+        runDelegateCall("metadata output",
+                        [&] { d->captureOutput(*output, found, *self->connection); });
       });
     }
   }

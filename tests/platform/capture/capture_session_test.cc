@@ -272,6 +272,39 @@ TEST(CaptureSessionTest, MetadataObjectsReachTheirDelegateOnTheMainQueue) {
   EXPECT_TRUE(log->calls[3].empty());
   EXPECT_TRUE(log->onMain);
   EXPECT_EQ(log->mediaType, AVMediaTypeMetadata);
+
+  const MetadataOutputStatistics stats = metadata->statistics();
+  EXPECT_EQ(stats.callbacks, 4u);
+  EXPECT_EQ(stats.callbacksWithFaces, 3u);
+  EXPECT_EQ(stats.callbacksWithCodes, 0u) << "the unrequested QR code never counts";
+  EXPECT_EQ(stats.framesExamined, static_cast<uint64_t>(seen.load()));
+  EXPECT_GT(stats.latencyP50Milliseconds, 0.0);
+  EXPECT_GE(stats.latencyP95Milliseconds, stats.latencyP50Milliseconds);
+}
+
+TEST(CaptureSessionTest, SlowRecognitionSkipsFramesWithoutHoldingUpVideo) {
+  CaptureRig rig(test::syntheticCamera(), AVCaptureSessionPreset640x480, kPixelFormat420f);
+  auto metadata = MetadataOutput::create();
+  rig.session->addOutput(metadata);
+  metadata->setMetadataObjectTypes({std::string(AVMetadataObjectTypeFace)});
+  auto log = std::make_shared<ObjectLog>();
+  metadata->setMetadataObjectsDelegate(
+      log, std::shared_ptr<DispatchQueue>(&DispatchQueue::main(), [](DispatchQueue*) {}));
+  // Each pass takes as long as six frames of the camera.
+  std::atomic<int> passes{0};
+  platform::setMetadataRecognizer(*metadata, [&](const SampleBuffer&, const auto&) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ++passes;
+    return MetadataObjects{};
+  });
+  rig.session->startRunning();
+  ASSERT_TRUE(pumpMainContextUntil([&] { return passes >= 4; }));
+  rig.session->stopRunning();
+  const MetadataOutputStatistics stats = metadata->statistics();
+  // Recognition took the newest frame each time and let the others go; the video output got
+  // its frames meanwhile.
+  EXPECT_GT(stats.framesSkipped, stats.framesExamined);
+  EXPECT_GT(rig.output->deliveredFrameCount(), 2 * stats.framesExamined);
 }
 
 TEST(CaptureSessionTest, StillsInBGRAWithFlashAndErrors) {
