@@ -65,6 +65,19 @@ class KWQ_EXPORT KWQVideoHelper : public CaptureVideoDataOutputSampleBufferDeleg
   /// the start it follows. Stopping a stopped engine does nothing.
   void stopVideoCapture();
 
+  /// Takes one still: the still output's next frame in BGRA, converted on
+  /// "VideoDataOutputQueue" with the camera's position (front stills mirrored) and handed to
+  /// the delegate's getNewStillImage() there when it implements KWQStillImageDelegate. Errors
+  /// (not running, no frame) are silent. Thread: main.
+  void takeStillPicture();
+  /// Swaps the session's camera: from the front camera to the back one, from any other to the
+  /// front one (the last camera of each position in the device list), in one configuration
+  /// transaction that first removes the current input. A missing camera leaves the session
+  /// without one and device() unchanged. The preset and the new camera's modes are left as
+  /// they are. With `animate`, the preview gets a flip (a quarter turn about y, 0.1 s each way)
+  /// under the key "transform" on the main queue. Thread: main.
+  void toggleCameraWithAnimation(bool animate);
+
   // Device controls, on the caller's thread (see the device's lock rules).
 
   /// The camera's flash mode; 0 (off) for a camera without flash.
