@@ -1,36 +1,43 @@
 #include "platform/image/frame_blit.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
+#include <new>
+#include <optional>
+#include <vector>
 
 namespace kwq::platform {
 namespace {
 
-// The BT.601 16.16 fixed-point arithmetic of frame_image.cc, folded into tables: one lookup
-// per sample instead of a multiply. Sums stay within int range for every byte value.
-struct Tables {
-  std::array<int32_t, 256> y, rv, gu, gv, bu;
+// The BT.601 16.16 fixed-point arithmetic of frame_image.cc, in the same integer steps (so the
+// bytes match), arranged so that the compiler can vectorise it: the chroma terms of a row are
+// spread out to one entry per pixel first, then every pixel is plain element-wise arithmetic.
+struct Coefficients {
+  int32_t yOffset, yScale, rv, gu, gv, bu;
+};
+constexpr Coefficients kFullRange{0, 65536, 91881, -22554, -46802, 116130};
+constexpr Coefficients kVideoRange{16, 76309, 104597, -25675, -53279, 132201};
+
+// Per-row scratch: chroma terms per pixel, and a row for mirroring.
+struct RowScratch {
+  std::vector<int32_t> r, g, b;
+  std::vector<uint32_t> row;
+  explicit RowScratch(size_t n) : r(n + 2), g(n + 2), b(n + 2), row(n) {}
 };
 
-Tables makeTables(bool fullRange) {
-  const int yOffset = fullRange ? 0 : 16, yScale = fullRange ? 65536 : 76309;
-  const int rv = fullRange ? 91881 : 104597, gu = fullRange ? -22554 : -25675;
-  const int gv = fullRange ? -46802 : -53279, bu = fullRange ? 116130 : 132201;
-  Tables t;
-  for (int i = 0; i < 256; ++i) {
-    t.y[i] = (i - yOffset) * yScale + 32768;
-    t.rv[i] = rv * (i - 128);
-    t.gu[i] = gu * (i - 128);
-    t.gv[i] = gv * (i - 128);
-    t.bu[i] = bu * (i - 128);
+// Terms of the chroma pairs p0 .. p0 + pairs - 1, each written for both pixels of its pair.
+__attribute__((target_clones("avx2", "default"))) void chromaTerms(const uint8_t* chroma, size_t p0,
+                                                                   size_t pairs, Coefficients k,
+                                                                   int32_t* __restrict r,
+                                                                   int32_t* __restrict g,
+                                                                   int32_t* __restrict b) {
+  for (size_t i = 0; i < pairs; ++i) {
+    const int32_t u = chroma[2 * (p0 + i)] - 128, v = chroma[2 * (p0 + i) + 1] - 128;
+    const int32_t rr = k.rv * v, gg = k.gu * u + k.gv * v, bb = k.bu * u;
+    r[2 * i] = r[2 * i + 1] = rr;
+    g[2 * i] = g[2 * i + 1] = gg;
+    b[2 * i] = b[2 * i + 1] = bb;
   }
-  return t;
-}
-
-const Tables& tables(bool fullRange) {
-  static const Tables full = makeTables(true), video = makeTables(false);
-  return fullRange ? full : video;
 }
 
 inline uint32_t clampShift(int32_t v) {
@@ -38,37 +45,25 @@ inline uint32_t clampShift(int32_t v) {
   return static_cast<uint32_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
 }
 
-inline uint32_t pixel(int32_t c, int32_t r, int32_t g, int32_t b) {
-  return clampShift(c + b) | clampShift(c + g) << 8 | clampShift(c + r) << 16 | 0xFF000000u;
+__attribute__((target_clones("avx2", "default"))) void lumaPixels(
+    const uint8_t* luma, size_t n, Coefficients k, const int32_t* __restrict r,
+    const int32_t* __restrict g, const int32_t* __restrict b, uint32_t* __restrict out) {
+  for (size_t i = 0; i < n; ++i) {
+    const int32_t c = (luma[i] - k.yOffset) * k.yScale + 32768;
+    out[i] =
+        clampShift(c + b[i]) | clampShift(c + g[i]) << 8 | clampShift(c + r[i]) << 16 | 0xFF000000u;
+  }
 }
 
 // One row: source columns x .. x + n - 1 into out[0 .. n-1], or reversed.
 void nv12Row(const uint8_t* luma, const uint8_t* chroma, size_t x, size_t n, bool mirrored,
-             const Tables& t, uint32_t* out) {
-  ptrdiff_t step = 1;
-  if (mirrored) {
-    out += n - 1;
-    step = -1;
-  }
-  size_t col = x;
-  const size_t end = x + n;
-  if (col < end && (col & 1)) {  // odd start: the second half of a chroma pair
-    const uint8_t u = chroma[col - 1], v = chroma[col];
-    *out = pixel(t.y[luma[col]], t.rv[v], t.gu[u] + t.gv[v], t.bu[u]);
-    out += step;
-    ++col;
-  }
-  for (; col + 1 < end; col += 2) {
-    const uint8_t u = chroma[col], v = chroma[col + 1];
-    const int32_t r = t.rv[v], g = t.gu[u] + t.gv[v], b = t.bu[u];
-    out[0] = pixel(t.y[luma[col]], r, g, b);
-    out[step] = pixel(t.y[luma[col + 1]], r, g, b);
-    out += 2 * step;
-  }
-  if (col < end) {
-    const uint8_t u = chroma[col], v = chroma[col + 1];
-    *out = pixel(t.y[luma[col]], t.rv[v], t.gu[u] + t.gv[v], t.bu[u]);
-  }
+             Coefficients k, RowScratch& s, uint32_t* out) {
+  const size_t p0 = x / 2, pairs = (x + n - 1) / 2 - p0 + 1;
+  chromaTerms(chroma, p0, pairs, k, s.r.data(), s.g.data(), s.b.data());
+  const size_t skip = x - 2 * p0;  // 1 when the block starts on a pair's second pixel
+  uint32_t* target = mirrored ? s.row.data() : out;
+  lumaPixels(luma + x, n, k, s.r.data() + skip, s.g.data() + skip, s.b.data() + skip, target);
+  if (mirrored) std::reverse_copy(s.row.begin(), s.row.begin() + static_cast<ptrdiff_t>(n), out);
 }
 
 void bgraRow(const uint8_t* src, size_t x, size_t n, bool mirrored, uint32_t* out) {
@@ -99,6 +94,12 @@ bool blitFrame(const PixelBuffer& frame, size_t x, size_t y, size_t width, size_
   } else if (frame.bytesPerRowOfPlane(0) < 4 * fw || frame.heightOfPlane(0) < fh) {
     return false;
   }
+  std::optional<RowScratch> scratch;
+  try {
+    if (nv12) scratch.emplace(width);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   if (!frame.lockBaseAddress(kPixelBufferLockReadOnly)) return false;
   const uint8_t* plane0 = frame.baseAddressOfPlane(0);
   const uint8_t* plane1 = nv12 ? frame.baseAddressOfPlane(1) : nullptr;
@@ -106,13 +107,14 @@ bool blitFrame(const PixelBuffer& frame, size_t x, size_t y, size_t width, size_
   if (ok) {
     const size_t stride0 = frame.bytesPerRowOfPlane(0);
     const size_t stride1 = nv12 ? frame.bytesPerRowOfPlane(1) : 0;
-    const Tables& t = tables(format == kPixelFormat420f);
+    const Coefficients k = format == kPixelFormat420f ? kFullRange : kVideoRange;
     for (size_t row = 0; row < height; ++row) {
       const size_t sy = y + row;
       // Canvas rows are 4-byte aligned (Cairo strides are multiples of 4).
       auto* out = reinterpret_cast<uint32_t*>(dst + row * dstStride);
       if (nv12)
-        nv12Row(plane0 + sy * stride0, plane1 + (sy / 2) * stride1, x, width, mirrored, t, out);
+        nv12Row(plane0 + sy * stride0, plane1 + (sy / 2) * stride1, x, width, mirrored, k, *scratch,
+                out);
       else
         bgraRow(plane0 + sy * stride0, x, width, mirrored, out);
     }
