@@ -23,3 +23,8 @@
 #include "kwqimage/KWQVideoHelper.h"
 #include "kwqimage/KWQVideoHelperDelegate.h"
 #include "kwqimage/Layer.h"
+
+// Views, drawing and the renderer that shows a view tree.
+#include "kwqimage/GraphicsContext.h"
+#include "kwqimage/Render.h"
+#include "kwqimage/View.h"

@@ -17,6 +17,7 @@
 #include "kwqimage/Geometry.h"
 #include "kwqimage/KWQVideoHelperDelegate.h"
 #include "kwqimage/Layer.h"
+#include "kwqimage/View.h"
 
 namespace kwq {
 
@@ -191,6 +192,13 @@ class KWQ_EXPORT KWQVideoHelper : public CaptureVideoDataOutputSampleBufferDeleg
   void setBarcodeLineLayer(std::shared_ptr<ShapeLayer> layer);
   /// Face box layers by face id.
   std::map<int64_t, std::shared_ptr<Layer>> avfFaceLayers() const;
+
+  /// A new view of `frame` that shows the preview (getPreviewView:withCenterBox:): first
+  /// setShowCenterBox(withCenterBox), then previewLayer() gets a black background and the
+  /// view's bounds as its frame and moves into the view's layer, which does not clip (overlays
+  /// may reach past the view). A layer has one parent, so only the newest view shows the
+  /// picture. Resizing the view later leaves the preview's frame as it is. Main thread.
+  std::shared_ptr<View> getPreviewView(Rect frame, bool withCenterBox);
 
   /// The EXIF orientation code of an image orientation: 0..7 (up, down, left, right, then
   /// mirrored) give 1, 3, 8, 6, 2, 4, 5, 7; any other value gives 1 (up). Thread: any.

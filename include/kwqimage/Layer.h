@@ -17,6 +17,7 @@
 #include "kwqimage/Color.h"
 #include "kwqimage/Export.h"
 #include "kwqimage/Geometry.h"
+#include "kwqimage/Image.h"
 
 namespace kwq {
 
@@ -32,6 +33,14 @@ struct KWQ_EXPORT Transform3D {
   /// A rotation by `angle` radians about the axis (x, y, z); the identity for a zero axis.
   static Transform3D makeRotation(double angle, double x, double y, double z);
   bool isIdentity() const { return *this == identity(); }
+  /// The transform seen from the front without perspective (z dropped): how the layer's plane
+  /// lands on its superlayer's.
+  AffineTransform affineProjection() const {
+    return {m[0][0], m[0][1], m[1][0], m[1][1], m[3][0], m[3][1]};
+  }
+  /// The transform `t` of the way from `from` to `to`: rotations turn about their common
+  /// axis by the angle between them, anything else moves element by element.
+  static Transform3D interpolate(const Transform3D& from, const Transform3D& to, double t);
   friend bool operator==(const Transform3D&, const Transform3D&) = default;
 };
 
@@ -44,6 +53,16 @@ struct KWQ_EXPORT Path {
   void addLineTo(Point p);
   /// Appends the other path's subpaths.
   void addPath(const Path& other);
+  /// Adds an arc about `center` from `startAngle` to `endAngle` (radians, 0 along +x, growing
+  /// towards +y), as points no more than 0.02 points off the circle. `clockwise` false lets the
+  /// angle grow (clockwise on a y-down screen), true lets it shrink, as the platform's add-arc.
+  /// A line joins the current point to the arc's start; without one the arc starts a subpath.
+  /// A negative or non-finite radius or angle adds nothing.
+  void addArc(Point center, double radius, double startAngle, double endAngle, bool clockwise);
+  /// Closes the current subpath with a line back to its first point.
+  void closeSubpath();
+  /// Adds a closed rectangle as its own subpath; nothing for the null rectangle.
+  void addRect(const Rect& rect);
   bool isEmpty() const { return subpaths.empty(); }
   /// The smallest rectangle holding every point; the null rectangle for an empty path.
   Rect boundingBox() const;
@@ -65,7 +84,16 @@ struct KWQ_EXPORT BasicAnimation {
   float repeatCount = 0.0f;
   /// Set when the animation is added to a layer.
   std::chrono::steady_clock::time_point beginTime{};
+
+  /// How far the animation has gone at `time` (currentMediaTime() seconds): 0 to 1 and back
+  /// with autoreverses, linear pacing; none before it begins or once it has ended (the layer
+  /// then shows its own value again, as the platform removes finished animations).
+  std::optional<double> progressAt(double time) const;
 };
+
+/// Seconds on the steady clock that animations' begin times are stamped with; pass it to the
+/// renderer to draw the tree as it looks now. Thread: any.
+KWQ_EXPORT double currentMediaTime();
 
 /// A rectangle in its superlayer's coordinates with a border, a background and sublayers.
 ///
@@ -103,6 +131,15 @@ class KWQ_EXPORT Layer : public std::enable_shared_from_this<Layer> {
   void setHidden(bool hidden) { hidden_ = hidden; }
   Transform3D transform() const { return transform_; }
   void setTransform(const Transform3D& transform) { transform_ = transform; }
+  /// The transform as shown at `time` (currentMediaTime() seconds): the model transform, or
+  /// where a running "transform" animation has moved it. The transform turns the layer about
+  /// the centre of its frame.
+  Transform3D presentationTransform(double time) const;
+
+  /// A bitmap drawn over the background, stretched to the bounds (a view's drawing lands
+  /// here); the null image for none.
+  const Image& contents() const { return contents_; }
+  void setContents(Image contents) { contents_ = std::move(contents); }
 
   const std::vector<std::shared_ptr<Layer>>& sublayers() const { return sublayers_; }
   std::shared_ptr<Layer> superlayer() const { return superlayer_.lock(); }
@@ -135,6 +172,7 @@ class KWQ_EXPORT Layer : public std::enable_shared_from_this<Layer> {
   bool masksToBounds_ = false;
   bool hidden_ = false;
   Transform3D transform_;
+  Image contents_;
   std::vector<std::shared_ptr<Layer>> sublayers_;
   std::weak_ptr<Layer> superlayer_;
   std::map<std::string, BasicAnimation> animations_;

@@ -1,8 +1,10 @@
+#include <algorithm>
 #include <cmath>
 
 #include "kwqimage/CaptureSession.h"
 #include "kwqimage/Layer.h"
 #include "platform/media/capture_internal.h"
+#include "platform/ui/video_gravity.h"
 
 namespace kwq {
 namespace {
@@ -14,6 +16,21 @@ double mirroredAngle(double degrees) {
 }
 
 }  // namespace
+
+namespace platform {
+
+Rect videoRectForGravity(const Rect& bounds, Size video, std::string_view gravity) {
+  if (!(video.width > 0 && video.height > 0)) return Rect::null();
+  const Rect b = bounds;
+  if (gravity == AVLayerVideoGravityResize) return b;
+  const double sx = b.size.width / video.width, sy = b.size.height / video.height;
+  const double s =
+      gravity == AVLayerVideoGravityResizeAspectFill ? std::max(sx, sy) : std::min(sx, sy);
+  const double w = video.width * s, h = video.height * s;
+  return {b.origin.x + (b.size.width - w) / 2, b.origin.y + (b.size.height - h) / 2, w, h};
+}
+
+}  // namespace platform
 
 std::shared_ptr<PreviewLayer> PreviewLayer::layerWithSession(
     std::shared_ptr<CaptureSession> session) {
@@ -36,15 +53,8 @@ bool PreviewLayer::isMirrored() const {
 
 Rect PreviewLayer::videoRect() const {
   if (!session_) return Rect::null();
-  const Size video = platform::sessionVideoSize(*session_);
-  if (!(video.width > 0 && video.height > 0)) return Rect::null();
-  const Rect b = bounds();
-  if (videoGravity_ == AVLayerVideoGravityResize) return b;
-  const double sx = b.size.width / video.width, sy = b.size.height / video.height;
-  const double s =
-      videoGravity_ == AVLayerVideoGravityResizeAspectFill ? std::max(sx, sy) : std::min(sx, sy);
-  const double w = video.width * s, h = video.height * s;
-  return {b.origin.x + (b.size.width - w) / 2, b.origin.y + (b.size.height - h) / 2, w, h};
+  return platform::videoRectForGravity(bounds(), platform::sessionVideoSize(*session_),
+                                       videoGravity_);
 }
 
 std::shared_ptr<MetadataObject> PreviewLayer::transformedMetadataObjectForMetadataObject(
