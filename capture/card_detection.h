@@ -88,7 +88,10 @@ void performRectangleDetection(CardDetectionState& state,
 void clearCardRectData(CardDetectionState& state);
 
 /// The engine's detector settings: high accuracy, aspect ratio kCardAspectRatio, focal
-/// length 0.0 (a shape test that ignores perspective), one feature per frame.
+/// length 0.0 (shapes compared as they appear), one feature per frame. The ratio ranks and
+/// does not filter: the frame's most prominent rectangle is reported whatever its shape, so a
+/// square or a long strip in view reaches the acceptance test, is rejected there and
+/// withdraws a published card.
 platform::RectangleDetectorOptions cardRectangleDetectorOptions();
 
 /// A detector made with cardRectangleDetectorOptions(); the engine makes it once, on the

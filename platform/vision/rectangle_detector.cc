@@ -51,9 +51,6 @@ constexpr double kMinQuadFill = 0.93;
 // Interior angles outside this range are no rectangle seen under a camera's perspective.
 constexpr double kMinAngleDeg = 35.0;
 constexpr double kMaxAngleDeg = 145.0;
-// Tolerances of the aspect-ratio tests (see the header).
-constexpr double kFlatRatioTolerance = 0.25;
-constexpr double kPerspectiveRatioTolerance = 0.15;
 // Ranking: a shape differing from the hint by this much in log ratio counts half.
 constexpr double kRatioRankScale = 0.15;
 // Least share of each side's samples that must lie on the refitted side.
@@ -698,7 +695,7 @@ class OpenCVRectangleDetector final : public RectangleDetector {
     std::vector<Candidate> ranked;
     for (const Found& f : found) {
       Candidate c{f.p, std::abs(signedArea(f.p)), 0, f.support};
-      if (rank(c, centre, 1.5)) ranked.push_back(c);
+      if (rank(c, centre)) ranked.push_back(c);
     }
     const double reach = std::max(sx, sy) * 1.5 + 1.0;
     // Edge bands are some three work pixels wide.
@@ -721,7 +718,7 @@ class OpenCVRectangleDetector final : public RectangleDetector {
       }
       if (c.support < kMinFit) continue;
       c.area = std::abs(signedArea(c.p));
-      if (rank(c, centre, 1.0)) refined.push_back(c);
+      if (rank(c, centre)) refined.push_back(c);
     }
     kept = distinct(std::move(refined), reach, band);
     if (kept.size() > static_cast<size_t>(options_.maxFeatureCount))
@@ -761,22 +758,18 @@ class OpenCVRectangleDetector final : public RectangleDetector {
   }
 
   // Scores a candidate by area, closeness to the aspect-ratio hint and how much of its
-  // outline the edges show; false when the hint's test (its tolerance widened by `slack`)
-  // rejects it.
-  bool rank(Candidate& c, cv::Point2d centre, double slack) const {
+  // outline the edges show. The hint only ranks: a rectangle of another shape scores lower
+  // but is still reported when nothing closer to the hint is in view. False only for a quad
+  // whose shape cannot be measured (a side of length 0).
+  bool rank(Candidate& c, cv::Point2d centre) const {
     c.score = c.area * c.support * c.support;
     if (!(options_.aspectRatio > 0)) return true;
     const double hint = std::max(options_.aspectRatio, 1.0 / options_.aspectRatio);
-    const bool perspective = options_.focalLength > 0;
-    const double ratio =
-        perspective ? perspectiveRatio(c.p, options_.focalLength, centre) : flatRatio(c.p);
+    const double ratio = options_.focalLength > 0
+                             ? perspectiveRatio(c.p, options_.focalLength, centre)
+                             : flatRatio(c.p);
     if (!(ratio > 0)) return false;
-    const double off = std::abs(std::log(ratio / hint));
-    if (options_.focalLength >= 0) {
-      const double tolerance = perspective ? kPerspectiveRatioTolerance : kFlatRatioTolerance;
-      if (off > std::log(1.0 + tolerance * slack)) return false;
-    }
-    const double d = off / kRatioRankScale;
+    const double d = std::abs(std::log(ratio / hint)) / kRatioRankScale;
     c.score /= 1.0 + d * d;
     return true;
   }

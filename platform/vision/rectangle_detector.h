@@ -32,17 +32,17 @@ enum class RectangleAccuracy : uint8_t {
 /// How the detector is made; fixed for the life of a detector.
 struct RectangleDetectorOptions {
   RectangleAccuracy accuracy = RectangleAccuracy::Low;
-  /// Width over height of the rectangles sought, in either orientation (1.6 also finds
-  /// upright 1 / 1.6 rectangles). Rectangles whose shape is near it rank first. 0 or less:
-  /// no preference.
+  /// Width over height of the rectangles sought, in either orientation (1.6 also prefers
+  /// upright 1 / 1.6 rectangles). A preference, never a filter: rectangles whose shape is near
+  /// it rank first, and a rectangle of any other shape (a square, a 3:1 strip) is still
+  /// reported when it is the most prominent thing left. 0 or less: no preference.
   double aspectRatio = 0.0;
-  /// How strictly the shape must match `aspectRatio`:
-  ///  - negative (-1): no test, the ratio only ranks;
-  ///  - 0: a loose test on the outline as it appears (perspective ignored): the ratio of the
-  ///    mean long side to the mean short side must lie within 25 % of `aspectRatio`;
+  /// How a rectangle's shape is measured against `aspectRatio`:
+  ///  - 0 or less: as it appears, the ratio of the mean long side to the mean short side
+  ///    (perspective ignored);
   ///  - positive: the camera's focal length in pixels; the rectangle's true ratio is recovered
-  ///    from its perspective (principal point at the picture's centre) and must lie within
-  ///    15 % of `aspectRatio`.
+  ///    from its perspective (principal point at the picture's centre), so a card tilted away
+  ///    from the camera still ranks as a card.
   double focalLength = -1.0;
   /// Most features returned (at least 1).
   int maxFeatureCount = 1;

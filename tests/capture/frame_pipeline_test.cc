@@ -1,6 +1,8 @@
 // The engine's per-frame step: frames go through the real captureOutput entry, with a scripted
 // rectangle detector put in the engine's place where the test decides what a frame shows.
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <deque>
 #include <filesystem>
@@ -13,6 +15,7 @@
 #include "kwqimage/KWQImageDictionary.h"
 #include "kwqimage/KWQVideoHelper.h"
 #include "platform/media/synthetic_camera.h"
+#include "platform/media/synthetic_scene.h"
 #include "support/main_loop.h"
 #include "support/test_support.h"
 
@@ -299,6 +302,83 @@ TEST(ExifOrientation, MapsTheEightImageOrientationsAndDefaultsToUp) {
   for (int64_t o = -1; o <= 8; ++o)
     codes.push_back(KWQVideoHelper::exifOrientationFromUIImageOrientation(o));
   EXPECT_EQ(codes, (std::vector<int32_t>{1, 1, 3, 8, 6, 2, 4, 5, 7, 1}));
+}
+
+// A 1280 x 720 420f frame of `scene` (full-range luma, gray chroma) with light upright boxes
+// (left, top, width, height in pixels, y down) laid over it.
+SampleBuffer sceneFrame420f(platform::SyntheticScene& scene, int64_t n,
+                            const std::vector<std::array<int, 4>>& boxes = {}) {
+  constexpr size_t kWidth = 1280, kHeight = 720;
+  std::vector<uint8_t> bgra(kWidth * kHeight * 4);
+  scene.render(static_cast<uint64_t>(n), {}, bgra.data(), kWidth * 4);
+  PixelBuffer frame = PixelBuffer::allocate(kPixelFormat420f, kWidth, kHeight);
+  frame.lockBaseAddress();
+  for (size_t y = 0; y < kHeight; ++y) {
+    uint8_t* luma = frame.baseAddressOfPlane(0) + y * frame.bytesPerRowOfPlane(0);
+    for (size_t x = 0; x < kWidth; ++x) {
+      const uint8_t* p = &bgra[(y * kWidth + x) * 4];
+      luma[x] = static_cast<uint8_t>(std::lround(0.114 * p[0] + 0.587 * p[1] + 0.299 * p[2]));
+    }
+    for (const auto& [left, top, width, height] : boxes)
+      if (static_cast<int>(y) >= top && static_cast<int>(y) < top + height)
+        std::fill_n(luma + left, width, 235);
+  }
+  for (size_t y = 0; y < frame.heightOfPlane(1); ++y)
+    std::fill_n(frame.baseAddressOfPlane(1) + y * frame.bytesPerRowOfPlane(1),
+                2 * frame.widthOfPlane(1), 128);
+  frame.unlockBaseAddress();
+  return SampleBuffer(frame, MediaTime{n, 30}, MediaTime{1, 30});
+}
+
+// The engine's own detector: a published card is withdrawn by the next frame that shows only a
+// square or a wide strip, while a square beside the card does not break the card's run.
+TEST_F(FramePipelineTest, SquaresAndStripsWithdrawAPublishedCard) {
+  engine->setShouldDetectCardRect(true);
+  platform::SyntheticScene cardScene({});
+  platform::SyntheticScene desk({.showCard = false});
+  int64_t n = 0;
+  auto publish = [&] {
+    for (int i = 0; i < 6; ++i, ++n) feed(sceneFrame420f(cardScene, n));
+    const auto calls = recorder->taken();
+    ASSERT_FALSE(calls.empty());
+    EXPECT_EQ(calls.back().rect, kStableCardMarker);
+    EXPECT_EQ(engine->cardRect(), kStableCardMarker);
+    EXPECT_NE(engine->cardCenter(), Point::zero());
+  };
+  const std::array<int, 4> square{440, 160, 400, 400}, strip{200, 250, 880, 400};  // 2.2 : 1
+  for (const auto& box : {square, strip}) {
+    publish();
+    feed(sceneFrame420f(desk, n++, {box}));
+    EXPECT_TRUE(recorder->taken().empty()) << box[2];
+    EXPECT_EQ(engine->consecutiveDetectionFrames(), 0) << box[2];
+    EXPECT_EQ(engine->cardRect(), Rect::zero()) << box[2];
+    EXPECT_EQ(engine->cardCenter(), Point::zero()) << box[2];
+  }
+
+  // The bare desk holds no rectangle: nothing is found, so the published card stays.
+  publish();
+  const int32_t count = engine->consecutiveDetectionFrames();
+  feed(sceneFrame420f(desk, n++));
+  EXPECT_EQ(engine->cardRect(), kStableCardMarker);
+  EXPECT_EQ(engine->consecutiveDetectionFrames(), count);
+  recorder->taken();
+
+  // A square as large as the room beside the card allows: the card keeps counting.
+  const auto truth = cardScene.truth(static_cast<uint64_t>(n));
+  ASSERT_TRUE(truth.cardFullyVisible);
+  double left = 1280, right = 0;
+  for (const Point& c : truth.cardCorners) {
+    left = std::min(left, c.x);
+    right = std::max(right, c.x);
+  }
+  const bool onLeft = left > 1280 - right;
+  const int side = std::min(static_cast<int>(onLeft ? left : 1280 - right) - 40, 440);
+  ASSERT_GE(side, 150);
+  feed(sceneFrame420f(cardScene, n++, {{onLeft ? 20 : 1260 - side, 20, side, side}}));
+  EXPECT_EQ(engine->consecutiveDetectionFrames(), count + 1);
+  const auto calls = recorder->taken();
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].rect, kStableCardMarker);
 }
 
 // The real detector through the running engine on the synthetic camera: the marker comes

@@ -116,12 +116,14 @@ TEST(RectangleDetector, FindsTheOutlinesInPhotographs) {
 
 TEST(RectangleDetector, NothingInPhotographsWithoutRectangles) {
   // Faces, fruit, sweets, fur, a butterfly: curved or textured, nothing four-sided.
-  for (RectangleAccuracy accuracy : {RectangleAccuracy::High, RectangleAccuracy::Low})
+  // The card settings too: their aspect-ratio hint ranks and hides nothing, so they must not
+  // make rectangles of these either.
+  for (const auto& detector :
+       {createRectangleDetector(plain(RectangleAccuracy::High)),
+        createRectangleDetector(plain(RectangleAccuracy::Low)), makeCardRectangleDetector()})
     for (const char* name : {"messi5.jpg", "baboon.jpg", "fruits.jpg", "orange.jpg", "smarties.png",
                              "butterfly.jpg", "HappyFish.jpg", "apple.jpg"})
-      EXPECT_TRUE(
-          createRectangleDetector(plain(accuracy))->featuresInImage(test::loadSample(name)).empty())
-          << name;
+      EXPECT_TRUE(detector->featuresInImage(test::loadSample(name)).empty()) << name;
 }
 
 TEST(RectangleDetector, SyntheticCardIsAcceptedOnItsFrames) {
@@ -212,23 +214,33 @@ TEST(RectangleDetector, BadInputGivesNothing) {
     EXPECT_EQ(detector->featuresInImage(imageOf(canvas).converted(layout)).size(), 1u);
 }
 
-TEST(RectangleDetector, AspectRatioHintRanksAndTests) {
+TEST(RectangleDetector, AspectRatioHintRanksButNeverHides) {
   // A card-shaped light rectangle and a larger square on a dark ground.
   cv::Mat canvas(720, 1280, CV_8UC4, cv::Scalar(40, 40, 40, 255));
   cv::rectangle(canvas, cv::Rect(100, 100, 430, 270), cv::Scalar(200, 200, 200, 255), cv::FILLED);
   cv::rectangle(canvas, cv::Rect(700, 200, 400, 400), cv::Scalar(200, 200, 200, 255), cv::FILLED);
   const Quad card = {{{100, 100}, {530, 100}, {530, 370}, {100, 370}}};
-  auto run = [&](const cv::Mat& picture, double ratio, double focal) {
-    return createRectangleDetector({RectangleAccuracy::High, ratio, focal, 4})
+  const Quad square = {{{700, 200}, {1100, 200}, {1100, 600}, {700, 600}}};
+  auto run = [&](const cv::Mat& picture, double ratio, double focal, int count = 4) {
+    return createRectangleDetector({RectangleAccuracy::High, ratio, focal, count})
         ->featuresInImage(imageOf(picture));
   };
-  EXPECT_EQ(run(canvas, 0.0, -1.0).size(), 2u);
-  EXPECT_GT(cornerError(run(canvas, 0.0, -1.0)[0], 720, card), 50);      // the square is larger
-  EXPECT_LE(cornerError(run(canvas, 1.592593, -1.0)[0], 720, card), 1);  // the card fits
-  EXPECT_EQ(run(canvas, 1.592593, 0.0).size(), 1u);                      // the square fails
+  // Without a hint the larger square leads; with one the card does, both ways of measuring
+  // the shape, and the square follows instead of vanishing.
+  const auto unhinted = run(canvas, 0.0, -1.0);
+  ASSERT_EQ(unhinted.size(), 2u);
+  EXPECT_LE(cornerError(unhinted[0], 720, square), 1);
+  for (double focal : {-1.0, 0.0, 900.0}) {
+    const auto hinted = run(canvas, kCardAspectRatio, focal);
+    ASSERT_EQ(hinted.size(), 2u) << focal;
+    EXPECT_LE(cornerError(hinted[0], 720, card), 1) << focal;
+    EXPECT_LE(cornerError(hinted[1], 720, square), 1) << focal;
+  }
 
-  // The card tilted back by 60 degrees in front of a camera of focal length 900: it looks
-  // more than three times as wide as high, yet the perspective gives its true shape back.
+  // The card tilted back by 60 degrees in front of a camera of focal length 900 looks more
+  // than three times as wide as high; beside it lies a flat 2.2 : 1 strip of about its area.
+  // Measured as they appear the strip is nearer the hint; measured with the focal length the
+  // tilted card gives its true shape back and leads.
   cv::Mat tilted(720, 1280, CV_8UC4, cv::Scalar(40, 40, 40, 255));
   std::vector<cv::Point> outline;
   for (auto [x, y] : {std::pair{-43.0, -27.0}, {43.0, -27.0}, {43.0, 27.0}, {-43.0, 27.0}}) {
@@ -237,10 +249,187 @@ TEST(RectangleDetector, AspectRatioHintRanksAndTests) {
                          cvRound(360 + 900 * 6 * y * std::cos(t) / z));
   }
   cv::fillConvexPoly(tilted, outline, cv::Scalar(200, 200, 200, 255), cv::LINE_AA);
-  EXPECT_EQ(run(tilted, 1.592593, -1.0).size(), 1u);
-  EXPECT_TRUE(run(tilted, 1.592593, 0.0).empty());
-  EXPECT_EQ(run(tilted, 1.592593, 900.0).size(), 1u);
-  EXPECT_TRUE(run(tilted, 1.0, 900.0).empty());
+  cv::rectangle(tilted, cv::Rect(100, 500, 264, 120), cv::Scalar(200, 200, 200, 255), cv::FILLED);
+  const Quad strip = {{{100, 500}, {364, 500}, {364, 620}, {100, 620}}};
+  const auto flat = run(tilted, kCardAspectRatio, 0.0);
+  ASSERT_EQ(flat.size(), 2u);
+  EXPECT_LE(cornerError(flat[0], 720, strip), 1);
+  const auto perspective = run(tilted, kCardAspectRatio, 900.0);
+  ASSERT_EQ(perspective.size(), 2u);
+  EXPECT_LE(cornerError(perspective[1], 720, strip), 1);
+  EXPECT_GT(cornerError(perspective[0], 720, strip), 100);
+}
+
+// The engine's card rule after a published card, on one picture through the card detector.
+CardDetectionState ruleAfterPublishedCard(const RectangleDetector& detector, const Image& picture) {
+  CardDetectionState state{0.1, 9, kStableCardMarker, {320, 240}};
+  performRectangleDetection(state, detector.featuresInImage(picture));
+  return state;
+}
+
+bool withdrawn(const CardDetectionState& s) {
+  return s.consecutiveDetectionFrames == 0 && s.cardRect == Rect::zero() &&
+         s.cardCenter == Point::zero();
+}
+
+TEST(RectangleDetector, CardSettingsReportSquaresAndStripsAlone) {
+  // One light shape at a time on a dark ground: each is the frame's rectangle, and the card
+  // rule rejects it, withdrawing a published card.
+  const auto detector = makeCardRectangleDetector();
+  const Quad square = {{{440, 160}, {840, 160}, {840, 560}, {440, 560}}};
+  const Quad wide = {{{200, 250}, {1080, 250}, {1080, 650}, {200, 650}}};   // 2.2 : 1
+  const Quad tall = {{{500, 50}, {800, 50}, {800, 710}, {500, 710}}};       // 1 : 2.2
+  const Quad strip = {{{100, 300}, {1170, 300}, {1170, 657}, {100, 657}}};  // 3 : 1
+  // A square turned by 30 degrees: its top-left label goes to the corner nearest the
+  // picture's top left.
+  Quad turned;
+  for (size_t i = 0; i < 4; ++i) {
+    const double a = (30 + 90 * static_cast<double>(i) - 135) * CV_PI / 180;
+    turned[i] = {640 + 220 * std::cos(a), 360 + 220 * std::sin(a)};
+  }
+  for (const Quad& q : {square, wide, tall, strip, turned}) {
+    cv::Mat canvas(720, 1280, CV_8UC4, cv::Scalar(40, 40, 40, 255));
+    // Corners are pixel edges (pixel i spans i to i + 1); the fill takes pixel centres, in
+    // sixteenths of a pixel.
+    std::vector<cv::Point> outline;
+    for (const cv::Point2d& p : q)
+      outline.emplace_back(cvRound((p.x - 0.5) * 16), cvRound((p.y - 0.5) * 16));
+    cv::fillConvexPoly(canvas, outline, cv::Scalar(200, 200, 200, 255), cv::LINE_AA, 4);
+    const auto features = detector->featuresInImage(imageOf(canvas));
+    ASSERT_EQ(features.size(), 1u) << q[0] << q[2];
+    EXPECT_LE(cornerError(features[0], 720, q), 1.5) << q[0] << q[2];
+    EXPECT_TRUE(withdrawn(ruleAfterPublishedCard(*detector, imageOf(canvas)))) << q[0] << q[2];
+  }
+}
+
+// `photo` (BGRA) printed with a white margin of a twentieth of its width and laid on the
+// synthetic desk, the print's outline at `at` (top left, top right, bottom right, bottom
+// left). `inner` receives where the photograph's own edges lie.
+cv::Mat printOnDesk(SyntheticScene& desk, const cv::Mat& photo, const Quad& at, Quad* inner) {
+  cv::Mat frame = sceneFrame(desk, 0);
+  const int margin = std::max(4, photo.cols / 20);
+  cv::Mat print(photo.rows + 2 * margin, photo.cols + 2 * margin, CV_8UC4,
+                cv::Scalar(240, 240, 240, 255));
+  photo.copyTo(print(cv::Rect(margin, margin, photo.cols, photo.rows)));
+  // Pixel-edge corners (a picture w pixels wide spans 0 to w) to pixel-centre coordinates.
+  auto centres = [](std::array<cv::Point2d, 4> q) {
+    std::vector<cv::Point2f> out;
+    for (const cv::Point2d& p : q)
+      out.emplace_back(static_cast<float>(p.x - 0.5), static_cast<float>(p.y - 0.5));
+    return out;
+  };
+  const double w = print.cols, h = print.rows, m = margin;
+  const cv::Mat warp =
+      cv::getPerspectiveTransform(centres({{{0, 0}, {w, 0}, {w, h}, {0, h}}}), centres(at));
+  cv::warpPerspective(print, frame, warp, frame.size(), cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
+  std::vector<cv::Point2f> photoCorners;
+  cv::perspectiveTransform(centres({{{m, m}, {w - m, m}, {w - m, h - m}, {m, h - m}}}),
+                           photoCorners, warp);
+  for (size_t i = 0; i < 4; ++i) (*inner)[i] = {photoCorners[i].x + 0.5, photoCorners[i].y + 0.5};
+  return frame;
+}
+
+double cross2(cv::Point2d a, cv::Point2d b) {
+  return a.x * b.y - a.y * b.x;
+}
+
+cv::Mat bgraOf(const Image& image) {
+  const Image bgra = image.converted(PixelLayout::BGRA32Premultiplied);
+  return cv::Mat(static_cast<int>(bgra.height()), static_cast<int>(bgra.width()), CV_8UC4,
+                 const_cast<uint8_t*>(bgra.bytes().data()), bgra.bytesPerRow())
+      .clone();
+}
+
+TEST(RectangleDetector, CardSettingsReportSquaresAndStripsInPhotographs) {
+  const auto detector = makeCardRectangleDetector();
+  // A newspaper's sudoku grid, photographed at a slant (corners read off the picture).
+  const Image sudoku = test::loadSample("sudoku.png");
+  const auto inSudoku = detector->featuresInImage(sudoku);
+  ASSERT_EQ(inSudoku.size(), 1u);
+  EXPECT_LE(cornerError(inSudoku[0], 563, {{{75, 92}, {489, 85}, {517, 518}, {39, 513}}}), 4);
+  EXPECT_TRUE(withdrawn(ruleAfterPublishedCard(*detector, sudoku)));
+
+  // Photographs printed square (the baboon) and as 2.2 : 1 and 3 : 1 strips (the building,
+  // squeezed), lying on the desk a little turned and tilted, a cable running over the desk
+  // behind them.
+  SyntheticScene desk({.showCard = false});
+  const cv::Mat baboon = bgraOf(test::loadSample("baboon.jpg"));
+  cv::Mat building = bgraOf(test::loadSample("building.jpg")), wide, strip;
+  cv::resize(building, wide, cv::Size(858, 378), 0, 0, cv::INTER_AREA);
+  cv::resize(building, strip, cv::Size(876, 280), 0, 0, cv::INTER_AREA);
+  struct Print {
+    const cv::Mat* photo;
+    Quad at;
+  };
+  for (const Print& p : {Print{&baboon, {{{420, 110}, {860, 140}, {840, 590}, {395, 570}}}},
+                         Print{&wide, {{{180, 170}, {1090, 120}, {1110, 520}, {190, 560}}}},
+                         Print{&strip, {{{200, 250}, {1110, 230}, {1100, 540}, {210, 530}}}}}) {
+    Quad inner;
+    const cv::Mat frame = printOnDesk(desk, *p.photo, p.at, &inner);
+    const auto features = detector->featuresInImage(bgraBuffer(frame));
+    ASSERT_EQ(features.size(), 1u) << p.photo->cols;
+    // Each side on the print's edge or on the photograph's, whichever shows more clearly
+    // there (the white margin has both).
+    const Quad q = seen(features[0], 720);
+    for (size_t i = 0; i < 4; ++i) {
+      auto off = [&](const Quad& edges) {
+        const cv::Point2d a = edges[i],
+                          d = (edges[(i + 1) % 4] - a) / cv::norm(edges[(i + 1) % 4] - a);
+        return std::max(std::abs(cross2(d, q[i] - a)), std::abs(cross2(d, q[(i + 1) % 4] - a)));
+      };
+      EXPECT_LE(std::min(off(p.at), off(inner)), 1.5) << p.photo->cols << " side " << i;
+    }
+    EXPECT_TRUE(withdrawn(ruleAfterPublishedCard(*detector, imageOf(frame)))) << p.photo->cols;
+  }
+
+  // Drawings: a hand-drawn square among a circle and a triangle, and a black square and a
+  // white near-square on a patterned ground.
+  for (const char* name : {"pic3.png", "pic4.png"}) {
+    const Image picture = test::loadSample(name);
+    const auto features = detector->featuresInImage(picture);
+    ASSERT_EQ(features.size(), 1u) << name;
+    EXPECT_LT(std::abs(measureCard(features[0]).ratio - 1.0), 0.25) << name;
+    EXPECT_TRUE(withdrawn(ruleAfterPublishedCard(*detector, picture))) << name;
+  }
+}
+
+TEST(RectangleDetector, CardLeadsSquaresAndStripsBesideIt) {
+  // The synthetic card on its desk with a light square (about as large as the card where the
+  // room allows) or a strip drawn in the free part of the frame: the card is still the one
+  // rectangle reported, on its true corners.
+  const auto detector = makeCardRectangleDetector();
+  SyntheticScene scene({});
+  int tried = 0;
+  for (uint64_t i = 0; i < kMotionPeriodFrames; i += 50) {
+    SyntheticFrameTruth truth;
+    cv::Mat frame = sceneFrame(scene, i, &truth);
+    if (!truth.cardFullyVisible) continue;
+    double left = 1280, right = 0, cardArea = 0;
+    for (size_t c = 0; c < 4; ++c) {
+      const Point a = truth.cardCorners[c], b = truth.cardCorners[(c + 1) % 4];
+      left = std::min(left, a.x);
+      right = std::max(right, a.x);
+      cardArea += 0.5 * (a.x * b.y - b.x * a.y);
+    }
+    // The wider free side, less a margin, holds a square above a strip.
+    const bool onLeft = left > 1280 - right;
+    const int room = static_cast<int>(onLeft ? left : 1280 - right) - 40;
+    const int side = std::min(room, 440);
+    if (side < 200) continue;
+    // A square on even frames, a 2.2 : 1 strip of the same width on odd ones (drawn together,
+    // their outer sides would outline one taller rectangle).
+    const int x = onLeft ? 20 : 1260 - side;
+    const int height = (i / 50) % 2 ? side * 10 / 22 : side;
+    cv::rectangle(frame, cv::Rect(x, 20, side, height), cv::Scalar(235, 235, 235, 255), cv::FILLED);
+    ++tried;
+    Quad card;
+    for (size_t c = 0; c < 4; ++c) card[c] = {truth.cardCorners[c].x, truth.cardCorners[c].y};
+    const auto features = detector->featuresInImage(bgraBuffer(frame));
+    ASSERT_EQ(features.size(), 1u) << "frame " << i;
+    EXPECT_LE(cornerError(features[0], 720, card), 1.0)
+        << "frame " << i << ", square " << side << " px, card " << std::abs(cardArea) << " px2";
+  }
+  EXPECT_GE(tried, 10);
 }
 
 TEST(RectangleDetector, OneDetectorServesManyThreads) {
