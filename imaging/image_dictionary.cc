@@ -29,9 +29,9 @@ std::string pathExtension(const std::string& name) {
 bool KWQImageDictionary::saveImageAsPNG(const Image& image, const std::string& fileName) {
   const std::vector<uint8_t> png = platform::encodePNG(image);
   if (png.empty()) return false;  // no data, no write
-  const std::string folder = platform::documentsDirectory();
-  if (!platform::createDirectories(folder)) return false;
-  return platform::writeFileAtomically(pathInStore(folder, fileName + ".png"), png);
+  // The lookup creates a missing folder; a folder that cannot be made fails the write.
+  return platform::writeFileAtomically(
+      pathInStore(platform::documentsDirectory(), fileName + ".png"), png);
 }
 
 Image KWQImageDictionary::loadImageWithFileName(const std::string& fileName) {
@@ -60,7 +60,7 @@ std::string KWQImageDictionary::documentsDirectory() {
 }
 
 void KWQImageDictionary::setDocumentsDirectory(const std::string& path) {
-  platform::setDocumentsDirectoryOverride(path);
+  platform::setUserFolderOverride(platform::UserFolder::Documents, path);
 }
 
 }  // namespace kwq

@@ -12,7 +12,6 @@
 
 #include "platform/foundation/file_url.h"
 #include "platform/foundation/log_format.h"
-#include "platform/foundation/pictures_dir.h"
 #include "platform/foundation/user_dirs.h"
 #include "platform/media/movie_writer.h"
 #include "platform/media/photo_library.h"
@@ -302,7 +301,7 @@ std::string KWQCameraRollHelper::photoLibraryDirectory() {
 
 void KWQCameraRollHelper::setPhotoLibraryDirectory(const std::string& path) {
   guarded(0, [&] {
-    platform::setPicturesDirectoryOverride(path);
+    platform::setUserFolderOverride(platform::UserFolder::Pictures, path);
     return 0;
   });
 }

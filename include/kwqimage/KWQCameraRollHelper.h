@@ -73,7 +73,8 @@ class KWQ_EXPORT KWQCameraRollHelper {
 
   /// "<documents>//SavedCameraData", computed once and then cached for the process's life
   /// (later changes of the documents folder do not move the recorder). Never empty here: the
-  /// documents folder always resolves.
+  /// documents folder always resolves, and the first lookup creates it (owner-only) on an
+  /// account that has none, so the recorder's folder can be created inside.
   std::string getCameraDataFolderPath();
   /// The file URL of "<folder>/FrontCardData<counter>.mov"; empty when the folder is unknown.
   std::string getCameraDataFilePath();
@@ -111,7 +112,7 @@ class KWQ_EXPORT KWQCameraRollHelper {
   bool waitForPendingSaves(std::chrono::milliseconds timeout);
 
   /// The photo library's folder: the override when set, else the XDG pictures folder, else
-  /// "$HOME/Pictures".
+  /// "$HOME/Pictures"; created (owner-only, with missing parents) when missing.
   static std::string photoLibraryDirectory();
   /// Makes saves go to `path`; an empty path returns to the XDG folder. Thread: any; saves
   /// already running keep their folder.

@@ -25,7 +25,7 @@ class KWQ_EXPORT KWQImageDictionary {
   KWQImageDictionary() = delete;
 
   /// Encodes the bitmap (scale and orientation ignored) as PNG and writes it as
-  /// "<name>.png", creating the documents folder when it is missing. Gray stays 8-bit gray,
+  /// "<name>.png". Gray stays 8-bit gray,
   /// RGB stays RGB, RGBA keeps its straight alpha, premultiplied BGRA is un-premultiplied into
   /// RGBA. False when there is no bitmap, encoding fails or the file cannot be written.
   static bool saveImageAsPNG(const Image& image, const std::string& fileName);
@@ -43,7 +43,9 @@ class KWQ_EXPORT KWQImageDictionary {
                                       const std::string& fileExtension);
 
   /// The folder in use: the override if set, else the XDG documents folder, else (when XDG
-  /// has none or names the home folder itself) "$HOME/Documents".
+  /// has none or names the home folder itself) "$HOME/Documents". Every use of the folder,
+  /// this call included, first creates it when it is missing, with any missing parents,
+  /// owner-only (0700), as new accounts often have no documents folder.
   static std::string documentsDirectory();
   /// Makes the store (and anything else that uses the documents folder) use `path`; an empty
   /// path returns to the XDG folder. Thread: any; saves already running keep their folder.

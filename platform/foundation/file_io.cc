@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <string>
 
 namespace kwq::platform {
 namespace {
@@ -54,6 +55,34 @@ bool syncFolder(const std::string& folder) {
   const bool ok = ::fsync(fd) == 0;
   ::close(fd);
   return ok;
+}
+
+bool isFolder(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+std::string withoutTrailingSlashes(std::string p) {
+  while (p.size() > 1 && p.back() == '/') p.pop_back();
+  return p;
+}
+
+// Creates `path` owner-only, its missing parents first; 0 when it is a folder afterwards, else
+// the errno that stopped it. Recursion only descends through missing folders.
+int makeFolder(const std::string& path) {
+  if (path.empty()) return ENOENT;
+  if (::mkdir(path.c_str(), 0700) == 0) return 0;
+  int err = errno;
+  if (err == EEXIST) return isFolder(path) ? 0 : EEXIST;
+  if (err != ENOENT) return err;
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos || slash == 0) return err;  // no parent left to create
+  const std::string parent = withoutTrailingSlashes(path.substr(0, slash));
+  if (parent == path) return err;
+  if (const int e = makeFolder(parent)) return e;
+  if (::mkdir(path.c_str(), 0700) == 0) return 0;
+  err = errno;
+  return err == EEXIST && isFolder(path) ? 0 : err;
 }
 
 }  // namespace
@@ -121,10 +150,10 @@ void removeItem(const std::string& path) {
   std::filesystem::remove_all(path, ec);
 }
 
-bool createDirectories(const std::string& path) {
-  std::error_code ec;
-  std::filesystem::create_directories(path, ec);
-  return std::filesystem::is_directory(path, ec);
+bool createDirectories(const std::string& path, std::string* reason) {
+  const int err = makeFolder(withoutTrailingSlashes(path));
+  if (err != 0 && reason) *reason = std::strerror(err);
+  return err == 0;
 }
 
 }  // namespace kwq::platform

@@ -28,7 +28,9 @@ std::vector<std::string> listDirectory(const std::string& path);
 /// Removes a file, a symbolic link or a folder with everything inside; failures are ignored.
 void removeItem(const std::string& path);
 
-/// Creates the folder and any missing parents; true when it exists afterwards.
-bool createDirectories(const std::string& path);
+/// Creates the folder and any missing parents, each new one owner-only (0700 less the umask);
+/// folders that exist keep their permissions. True when `path` is a folder (or a link to one)
+/// afterwards; else false with the system's reason in `reason` when given.
+bool createDirectories(const std::string& path, std::string* reason = nullptr);
 
 }  // namespace kwq::platform

@@ -22,12 +22,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// qtmux's robust muxing: room for an hour of index, rewritten every half second of movie time.
-// 2,000 bytes per second covers 60 frames a second with an entry of each sample table per frame
-// (qtmux's own estimate, 550, assumes compressed media with larger samples).
-constexpr guint64 kReservedMaxDuration = 3600 * GST_SECOND;
-constexpr guint64 kMoovUpdatePeriod = 500 * GST_MSECOND;
-constexpr guint kReservedBytesPerSecond = 2000;
+// A fragment of movie (its own index, then its frames) is written every tenth of a second of
+// movie time; see the header for why fragments and why this length.
+constexpr guint kFragmentMs = 100;
 
 constexpr size_t kMinSide = 16;     // qtmux refuses smaller raw video
 constexpr size_t kMaxSide = 16384;  // keeps a frame's bytes far from any overflow
@@ -198,8 +195,7 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
     gst_util_set_object_arg(G_OBJECT(convert), "chroma-mode", "none");
     gst_util_set_object_arg(G_OBJECT(convert), "matrix-mode", "none");
     gst_util_set_object_arg(G_OBJECT(convert), "dither", "none");
-    g_object_set(mux, "reserved-max-duration", kReservedMaxDuration, "reserved-moov-update-period",
-                 kMoovUpdatePeriod, "reserved-bytes-per-sec", kReservedBytesPerSecond, nullptr);
+    g_object_set(mux, "fragment-duration", kFragmentMs, nullptr);
     // Unbuffered: what qtmux has written is in the kernel, where a killed process cannot lose it.
     g_object_set(sink, "location", path.c_str(), "sync", FALSE, "async", FALSE, nullptr);
     gst_util_set_object_arg(G_OBJECT(sink), "buffer-mode", "unbuffered");

@@ -10,11 +10,10 @@
 #include <cstring>
 #include <ctime>
 #include <deque>
-#include <filesystem>
 #include <mutex>
 #include <thread>
 
-#include "platform/foundation/pictures_dir.h"
+#include "platform/foundation/user_dirs.h"
 #include "platform/image/png_codec.h"
 
 namespace kwq::platform {
@@ -143,12 +142,10 @@ std::string placeWithoutReplacing(TempFile& temp, const std::string& folder,
 std::string saveNewFile(const std::string& stem, const std::string& ext,
                         const std::function<bool(int fd, std::string* error)>& fill,
                         std::string* error) {
-  const std::string folder = picturesDirectory();
-  std::error_code ec;
-  std::filesystem::create_directories(folder, ec);
-  if (ec || !std::filesystem::is_directory(folder, ec)) {
-    *error = "The pictures folder \"" + folder +
-             "\" could not be created: " + (ec ? ec.message() : std::string("it is not a folder"));
+  std::string problem;
+  const std::string folder = userFolder(UserFolder::Pictures, &problem);
+  if (!problem.empty()) {
+    *error = "The pictures folder \"" + folder + "\" could not be created: " + problem;
     return {};
   }
   TempFile temp;

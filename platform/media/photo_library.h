@@ -1,7 +1,7 @@
 #pragma once
 
 // The photo library of this platform: the user's pictures folder (the XDG pictures directory,
-// or the host's override, platform/foundation/pictures_dir.h). Saving copies a movie or an
+// or the host's override, platform/foundation/user_dirs.h). Saving copies a movie or an
 // image into it and never replaces a file that is already there.
 
 #include <functional>

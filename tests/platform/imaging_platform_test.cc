@@ -1,10 +1,13 @@
 // The platform pieces behind the imaging layer: the image context, the bitmap context's exact
-// shortcuts, camera sample buffers, atomic file writes and the documents folder.
+// shortcuts, camera sample buffers, atomic file writes and the user's folders.
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -196,10 +199,57 @@ TEST(Files, DocumentsFolderFollowsXdgUnlessItNamesHome) {
             "/home/u/Documents");
   EXPECT_EQ(platform::resolveUserDirectory(nullptr, "/home/u", "Documents"), "/home/u/Documents");
   EXPECT_EQ(platform::resolveUserDirectory("", "/", "Documents"), "/Documents");
-  platform::setDocumentsDirectoryOverride("/srv/store");
-  EXPECT_EQ(platform::documentsDirectory(), "/srv/store");
-  platform::setDocumentsDirectoryOverride("");
-  EXPECT_NE(platform::documentsDirectory(), "/srv/store");
+}
+
+mode_t permissions(const std::filesystem::path& p) {
+  struct stat st {};
+  return ::stat(p.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+// A lookup hands out a folder that exists: what is missing is created owner-only, what exists
+// keeps its permissions, and what cannot be created is reported while the path still comes back.
+TEST(Files, UserFoldersExistOnceLookedUp) {
+  namespace fs = std::filesystem;
+  using platform::UserFolder;
+  const fs::path root = fs::path(test::outputDir()) / "user-folders";
+  fs::remove_all(root);
+  fs::create_directories(root);
+  const mode_t mask = umask(022);
+  umask(mask);
+  const mode_t ownerOnly = 0700 & ~mask;
+
+  std::string problem = "stale";
+  platform::setUserFolderOverride(UserFolder::Documents, (root / "a" / "b" / "Docs").string());
+  EXPECT_EQ(platform::userFolder(UserFolder::Documents, &problem), (root / "a/b/Docs").string());
+  EXPECT_EQ(problem, "");
+  for (const char* made : {"a", "a/b", "a/b/Docs"}) {
+    EXPECT_TRUE(fs::is_directory(root / made)) << made;
+    EXPECT_EQ(permissions(root / made), ownerOnly) << made;
+  }
+  EXPECT_EQ(platform::documentsDirectory(), (root / "a/b/Docs").string());  // a second lookup
+
+  // Pictures has its own override; a folder that exists is used as it is.
+  fs::create_directories(root / "Shared");
+  fs::permissions(root / "Shared", fs::perms(0755));
+  platform::setUserFolderOverride(UserFolder::Pictures, (root / "Shared").string() + "//");
+  EXPECT_EQ(platform::picturesDirectory(), (root / "Shared").string() + "//");
+  EXPECT_EQ(permissions(root / "Shared"), 0755u);
+  EXPECT_EQ(platform::documentsDirectory(), (root / "a/b/Docs").string());
+
+  // A file in the way: nothing is created, the reason is told, the path still comes back.
+  std::ofstream(root / "file") << "x";
+  platform::setUserFolderOverride(UserFolder::Documents, (root / "file" / "Docs").string());
+  EXPECT_EQ(platform::userFolder(UserFolder::Documents, &problem), (root / "file/Docs").string());
+  EXPECT_EQ(problem, std::strerror(ENOTDIR));
+  EXPECT_TRUE(fs::is_regular_file(root / "file"));
+  std::string reason;
+  EXPECT_FALSE(platform::createDirectories((root / "file").string(), &reason));
+  EXPECT_EQ(reason, std::strerror(EEXIST));
+  EXPECT_FALSE(platform::createDirectories("", &reason));
+
+  platform::setUserFolderOverride(UserFolder::Documents, "");
+  platform::setUserFolderOverride(UserFolder::Pictures, "");
+  fs::remove_all(root);
 }
 
 }  // namespace

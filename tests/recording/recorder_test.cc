@@ -237,19 +237,24 @@ TEST_F(Recorder, RefusesFramesTheMovieCannotHoldAndKeepsRecordingTheRest) {
 }
 
 TEST_F(Recorder, AFolderThatCannotBeCreatedFailsTheMovieAndReturnsToIdle) {
+  // A file where the documents folder should be: the folder lookup cannot create it either.
   const fs::path documents = Folders::root / "Documents", away = Folders::root / "Away";
   fs::rename(documents, away);
+  std::ofstream(documents) << "not a folder";
   struct Restore {
     fs::path from, to;
-    ~Restore() { fs::rename(from, to); }
+    ~Restore() {
+      std::error_code ec;
+      fs::remove(to, ec);
+      fs::rename(from, to, ec);
+    }
   } restore{away, documents};
 
   test::LogCapture log;
   ASSERT_TRUE(rec.startSavingCameraData());
   ASSERT_EQ(log.lines().size(), 2u);
-  EXPECT_EQ(log.lines()[1],
-            "Record Camera Data: Error creating folder at path: " + folder() +
-                ", \"SavedCameraData\" couldn't be created: No such file or directory");
+  EXPECT_EQ(log.lines()[1], "Record Camera Data: Error creating folder at path: " + folder() +
+                                ", \"SavedCameraData\" couldn't be created: Not a directory");
   EXPECT_FALSE(rec.appendCameraData(frame(kPixelFormat420f, 64, 48, 0)));
   EXPECT_FALSE(rec.appendCameraData(frame(kPixelFormat420f, 64, 48, 1)));
   ASSERT_GE(log.lines().size(), 4u);

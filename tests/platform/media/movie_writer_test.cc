@@ -3,6 +3,7 @@
 
 #include <stdlib.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -123,6 +124,34 @@ TEST_F(MovieWriterTest, QueueFillsDrainsAndRefusesWhatIgnoresIt) {
   });
   ASSERT_TRUE(movie.opened) << movie.error;
   EXPECT_EQ(movie.frames, static_cast<size_t>(accepted));
+}
+
+// The index room a movie keeps free for its updates is sized to the movie: a few frames make a
+// file about as large as their pixels, not one with megabytes of reserved index.
+TEST_F(MovieWriterTest, AShortMovieIsAboutAsLargeAsItsFrames) {
+  auto writer = MovieWriter::create(url("short.mov"), MovieFileType::QuickTimeMovie);
+  auto input = MovieWriterInput::videoInput();
+  input->setExpectsMediaDataInRealTime(true);
+  ASSERT_TRUE(writer->addInput(input));
+  ASSERT_TRUE(writer->startWriting());
+  writer->startSessionAtSourceTime({0, 90000});
+  constexpr int kFrames = 9;
+  for (int i = 0; i < kFrames; ++i) {
+    ASSERT_TRUE(test::waitUntil([&] { return input->isReadyForMoreMediaData(); }));
+    ASSERT_TRUE(input->appendSampleBuffer(SampleBuffer(
+        test::patternFrame(kPixelFormat420f, 320, 240, i), {i * 3000, 90000}, {3000, 90000})))
+        << writer->error();
+  }
+  input->markAsFinished();
+  finish(*writer);
+  ASSERT_EQ(writer->status(), MovieWriterStatus::Completed) << writer->error();
+  const auto movie = test::readMovie((root_ / "short.mov").string());
+  ASSERT_TRUE(movie.opened) << movie.error;
+  EXPECT_EQ(movie.frames, static_cast<size_t>(kFrames));
+  const uintmax_t pixels = kFrames * 320 * 240 * 2;  // stored as 4:2:2, two bytes a pixel
+  const uintmax_t size = fs::file_size(root_ / "short.mov");
+  std::printf("9-frame 320x240 movie: %ju bytes (%ju of them frames)\n", size, pixels);
+  EXPECT_LE(size, pixels + 64 * 1024) << "bytes beyond the frames: " << size - pixels;
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/foundation/pictures_dir.h"
+#include "platform/foundation/user_dirs.h"
 #include "platform/media/photo_library.h"
 #include "support/test_support.h"
 
@@ -33,10 +33,10 @@ class PhotoLibrary : public ::testing::Test {
     char name[] = "/tmp/kwq-photos-XXXXXX";
     ASSERT_NE(::mkdtemp(name), nullptr);
     root_ = name;
-    setPicturesDirectoryOverride((root_ / "Pictures" / "Library").string());
+    setUserFolderOverride(UserFolder::Pictures, (root_ / "Pictures" / "Library").string());
   }
   void TearDown() override {
-    setPicturesDirectoryOverride("");
+    setUserFolderOverride(UserFolder::Pictures, "");
     fs::remove_all(root_);
   }
 
@@ -90,7 +90,7 @@ TEST_F(PhotoLibrary, ReportsWhatCouldNotBeSaved) {
   EXPECT_FALSE(fs::exists(library()) && !fs::is_empty(library()));
 
   std::ofstream(root_ / "plain-file") << "x";
-  setPicturesDirectoryOverride((root_ / "plain-file" / "Pictures").string());
+  setUserFolderOverride(UserFolder::Pictures, (root_ / "plain-file" / "Pictures").string());
   std::ofstream(root_ / "clip.mov") << "movie";
   const Saved s = saveVideo(root_ / "clip.mov");
   ASSERT_TRUE(s.error.has_value());

@@ -1,0 +1,147 @@
+// Recording on an account that has never had a documents or pictures folder (a new user, a
+// container, a kiosk): `kwq capture --record` runs in a child with a brand-new home and no
+// display, and the movie it names is read back with GStreamer.
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "recording/recording_support.h"
+
+extern char** environ;
+namespace fs = std::filesystem;
+
+namespace kwq {
+namespace {
+
+struct ToolRun {
+  int code = -1;
+  std::string out, err;
+  std::string row(const std::string& label) const {  // a value of the summary table
+    size_t at = out.find("\n" + label + "  ");
+    if (at == std::string::npos) return {};
+    at = out.find_first_not_of(' ', at + 1 + label.size());
+    return out.substr(at, out.find('\n', at) - at);
+  }
+};
+
+std::string slurp(const fs::path& p) {
+  std::ifstream in(p);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Runs the tool with this process's environment less everything that names a user folder or a
+// display, and with `home` as HOME and <home>/.config as XDG_CONFIG_HOME.
+ToolRun kwqIn(const fs::path& home, const std::string& args) {
+  std::vector<std::string> env;
+  for (char** e = environ; *e; ++e) {
+    const std::string var = *e;
+    if (!var.starts_with("HOME=") && !var.starts_with("XDG_") && !var.starts_with("DISPLAY=") &&
+        !var.starts_with("WAYLAND_DISPLAY="))
+      env.push_back(var);
+  }
+  env.push_back("HOME=" + home.string());
+  env.push_back("XDG_CONFIG_HOME=" + (home / ".config").string());
+  std::vector<char*> envp;
+  for (std::string& v : env) envp.push_back(v.data());
+  envp.push_back(nullptr);
+
+  std::vector<std::string> argv = {KWQ_TOOL_PATH};
+  for (size_t at = 0; at < args.size();) {
+    const size_t space = args.find(' ', at);
+    argv.push_back(args.substr(at, space - at));
+    at = space == std::string::npos ? args.size() : space + 1;
+  }
+  std::vector<char*> argp;
+  for (std::string& a : argv) argp.push_back(a.data());
+  argp.push_back(nullptr);
+
+  const fs::path out = home.parent_path() / "stdout.txt", err = home.parent_path() / "stderr.txt";
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  ToolRun run;
+  pid_t pid = 0;
+  if (posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data()) == 0) {
+    int status = 0;
+    if (::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) run.code = WEXITSTATUS(status);
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  run.out = slurp(out);
+  run.err = slurp(err);
+  return run;
+}
+
+mode_t permissions(const fs::path& p) {
+  struct stat st {};
+  return ::stat(p.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+class FreshAccount : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/kwq-fresh-XXXXXX";
+    ASSERT_NE(::mkdtemp(name), nullptr);
+    root_ = name;
+    home_ = root_ / "home";
+    fs::create_directory(home_);
+    const mode_t mask = ::umask(022);
+    ::umask(mask);
+    ownerOnly_ = 0700 & ~mask;
+  }
+  void TearDown() override { fs::remove_all(root_); }
+
+  // Records 30 synthetic frames; checks the run, the log and the movie; returns the movie.
+  fs::path recordAndReadBack(const fs::path& pictures) {
+    const ToolRun run = kwqIn(home_, "capture --frames 30 --record");
+    EXPECT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(run.err.find("Error creating folder"), std::string::npos) << run.err;
+    EXPECT_EQ(run.err.find("An error has occured"), std::string::npos) << run.err;
+    const fs::path movie = run.row("movie");
+    EXPECT_EQ(movie, pictures / "FrontCardData0.mov") << run.out << run.err;
+    const auto read = test::readMovie(movie.string());
+    EXPECT_TRUE(read.opened) << read.error;
+    EXPECT_GE(read.frames, 20u);  // the frame being delivered at the stop may miss the movie
+    EXPECT_LE(read.frames, 30u);
+    return movie;
+  }
+
+  fs::path root_, home_;
+  mode_t ownerOnly_ = 0700;
+};
+
+TEST_F(FreshAccount, RecordingCreatesTheMissingDocumentsAndPicturesFolders) {
+  recordAndReadBack(home_ / "Pictures");
+  EXPECT_EQ(permissions(home_ / "Documents"), ownerOnly_);
+  EXPECT_EQ(permissions(home_ / "Pictures"), ownerOnly_);
+  // The recorder's own folder, emptied again once the movie was saved.
+  EXPECT_TRUE(fs::is_directory(home_ / "Documents" / "SavedCameraData"));
+  EXPECT_TRUE(fs::is_empty(home_ / "Documents" / "SavedCameraData"));
+}
+
+TEST_F(FreshAccount, RecordingCreatesMissingXdgFoldersWithTheirParents) {
+  fs::create_directory(home_ / ".config");
+  std::ofstream(home_ / ".config" / "user-dirs.dirs")
+      << "XDG_DOCUMENTS_DIR=\"$HOME/Work/Papers\"\nXDG_PICTURES_DIR=\"$HOME/Media/Photos\"\n";
+  recordAndReadBack(home_ / "Media" / "Photos");
+  for (const char* made : {"Work", "Work/Papers", "Media", "Media/Photos"})
+    EXPECT_EQ(permissions(home_ / made), ownerOnly_) << made;
+  EXPECT_TRUE(fs::is_directory(home_ / "Work" / "Papers" / "SavedCameraData"));
+  EXPECT_FALSE(fs::exists(home_ / "Documents"));
+  EXPECT_FALSE(fs::exists(home_ / "Pictures"));
+}
+
+}  // namespace
+}  // namespace kwq
