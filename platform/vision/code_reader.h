@@ -43,8 +43,10 @@ enum class CodeRetry : uint8_t {
 struct CodeReaderSettings {
   /// Search more rows and finder-pattern candidates (finds small, skewed or damaged symbols).
   bool tryHarder = false;
-  /// Also search the picture turned by 90, 180 and 270 degrees.
-  bool tryRotate = false;
+  /// Also search the picture turned by 90, 180 and 270 degrees: PDF417 rows must run nearly
+  /// along the picture's rows, so a card filmed by a phone held upright needs the quarter
+  /// turn (it costs nothing on frames whose code is found unturned, a quarter more on others).
+  bool tryRotate = true;
   /// zxing's own pyramid: also search copies reduced by 3 (and 9, ...) while their short side
   /// exceeds 500 pixels, always. Finds symbols whose modules are many pixels wide or blurred.
   bool tryDownscale = false;
