@@ -12,6 +12,7 @@
 #include <ZXing/ReadBarcode.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <exception>
 #include <memory>
 
@@ -102,8 +103,11 @@ MetadataObjects toObjects(const ZXing::Results& results, size_t width, size_t he
   return out;
 }
 
-bool sizeFits(size_t width, size_t height) {
-  return width >= kMinSide && height >= kMinSide && width <= kMaxSide && height <= kMaxSide;
+// zxing addresses pixels with int arithmetic (row times row stride), so the whole plane must
+// stay within INT32_MAX bytes.
+bool sizeFits(size_t width, size_t height, size_t bytesPerRow) {
+  return width >= kMinSide && height >= kMinSide && width <= kMaxSide && height <= kMaxSide &&
+         bytesPerRow <= static_cast<size_t>(INT32_MAX) / height;
 }
 
 // The picture reduced by `factor` in block means, as gray.
@@ -174,9 +178,7 @@ MetadataObjects readCodes(const SampleBuffer& frame, const std::vector<std::stri
   const size_t width = buffer.widthOfPlane(0), height = buffer.heightOfPlane(0);
   const size_t bytesPerRow = buffer.bytesPerRowOfPlane(0);
   const size_t pixelBytes = biPlanar ? 1 : 4;
-  if (!sizeFits(width, height) || bytesPerRow / pixelBytes < width ||
-      bytesPerRow > static_cast<size_t>(INT32_MAX) / 2)
-    return {};
+  if (!sizeFits(width, height, bytesPerRow) || bytesPerRow / pixelBytes < width) return {};
   if (!buffer.lockBaseAddress(kPixelBufferLockReadOnly)) return {};
   MetadataObjects out;
   if (const uint8_t* base = buffer.baseAddressOfPlane(0)) {
@@ -198,9 +200,7 @@ MetadataObjects readCodes(const Image& image, const std::vector<std::string>& ty
   const ZXing::BarcodeFormats formats = requestedFormats(types);
   if (formats.empty()) return {};
   const Bitmap* bitmap = ImageAccess::bitmap(image);
-  if (!bitmap || !sizeFits(bitmap->width, bitmap->height) ||
-      bitmap->bytesPerRow > static_cast<size_t>(INT32_MAX) / 2)
-    return {};
+  if (!bitmap || !sizeFits(bitmap->width, bitmap->height, bitmap->bytesPerRow)) return {};
   ZXing::ImageFormat pixels = ZXing::ImageFormat::Lum;
   switch (bitmap->layout) {
     case PixelLayout::Gray8:

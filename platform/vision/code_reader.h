@@ -81,7 +81,8 @@ struct CodeReaderSettings {
 /// Reads 420f and 420v frames on plane 0 (the luma plane) with its own row stride, and BGRA
 /// frames through zxing's luminance conversion. Empty for the null sample, another pixel
 /// format, a buffer that cannot be locked, a frame under 16 pixels on a side or over 65535, a
-/// plane whose rows are shorter than its width, and on any internal failure; never throws.
+/// plane whose rows are shorter than its width or whose bytes exceed 2 GiB, and on any
+/// internal failure; never throws.
 /// Thread: any, also concurrently (nothing is shared between calls); the buffer is locked
 /// read-only for the call.
 MetadataObjects readCodes(const SampleBuffer& frame, const std::vector<std::string>& types);
