@@ -1,0 +1,140 @@
+// Speed of the code reader against zxing-cpp as a user would call it, on the same 1280 x 720
+// frame (frame 0 of the synthetic camera's scene: the ID card with its PDF417) in the same
+// run, single-threaded. Ours is readCodes on the 420f frame with the engine's settings, for
+// PDF417 (the engine's default) and for PDF417 + QR; the peer is ZXing::ReadBarcodes with
+// default hints (every format, try harder, rotate, downscale) on the same frame as BGRA
+// (ImageFormat::BGRX). A frame without a code (the background alone) is timed as well, since
+// most live frames hold none. Prints Google Benchmark's report and then one table of medians
+// of CPU time: measure | ours ms | peer ms | ratio | target.
+//
+//   cmake --build build --target code_bench && build/bench/code_bench
+//
+// Usual Google Benchmark flags (--benchmark_filter=..., --benchmark_min_time=...) apply.
+
+#define ZX_USE_UTF8
+
+#include <ZXing/ReadBarcode.h>
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <opencv2/core.hpp>
+#include <opencv2/core/utility.hpp>
+#include <string>
+#include <vector>
+
+#include "bench/bench_report.h"
+#include "platform/media/synthetic_scene.h"
+#include "platform/vision/code_reader.h"
+#include "tests/support/code_scenes.h"
+
+namespace {
+
+constexpr int kWidth = 1280, kHeight = 720;
+const std::vector<std::string> kPdf417{std::string(kwq::AVMetadataObjectTypePDF417Code)};
+const std::vector<std::string> kBoth{std::string(kwq::AVMetadataObjectTypePDF417Code),
+                                     std::string(kwq::AVMetadataObjectTypeQRCode)};
+
+struct Frame {
+  cv::Mat bgra;
+  kwq::SampleBuffer nv12;
+  std::string text;
+};
+
+Frame render(bool card) {
+  kwq::platform::SyntheticSceneOptions options;
+  options.showCard = card;
+  kwq::platform::SyntheticScene scene(options);
+  Frame f;
+  f.bgra.create(kHeight, kWidth, CV_8UC4);
+  f.text = scene.render(0, {}, f.bgra.data, f.bgra.step[0]).codeText;
+  f.nv12 = kwq::SampleBuffer(kwq::test::frameFromBgra(f.bgra, kwq::kPixelFormat420f));
+  return f;
+}
+
+const Frame& cardFrame() {
+  static const Frame f = render(true);
+  return f;
+}
+
+const Frame& emptyFrame() {
+  static const Frame f = render(false);
+  return f;
+}
+
+void ours(benchmark::State& state, const Frame& f, const std::vector<std::string>& types) {
+  for (auto _ : state) benchmark::DoNotOptimize(kwq::platform::readCodes(f.nv12, types));
+}
+
+void peer(benchmark::State& state, const Frame& f) {
+  const ZXing::ImageView view(f.bgra.data, f.bgra.cols, f.bgra.rows, ZXing::ImageFormat::BGRX,
+                              static_cast<int>(f.bgra.step[0]));
+  for (auto _ : state) benchmark::DoNotOptimize(ZXing::ReadBarcodes(view));
+}
+
+void oursCardPdf417(benchmark::State& s) {
+  ours(s, cardFrame(), kPdf417);
+}
+void oursCardBoth(benchmark::State& s) {
+  ours(s, cardFrame(), kBoth);
+}
+void oursEmptyPdf417(benchmark::State& s) {
+  ours(s, emptyFrame(), kPdf417);
+}
+void oursEmptyBoth(benchmark::State& s) {
+  ours(s, emptyFrame(), kBoth);
+}
+void peerCard(benchmark::State& s) {
+  peer(s, cardFrame());
+}
+void peerEmpty(benchmark::State& s) {
+  peer(s, emptyFrame());
+}
+
+const kwq::bench::MedianRow kRows[] = {
+    {"card frame, PDF417: readCodes 420f vs ReadBarcodes default BGRX", "ours/card/pdf417",
+     "peer/card", "<= 0.5"},
+    {"card frame, PDF417+QR: readCodes 420f vs ReadBarcodes default BGRX", "ours/card/pdf417+qr",
+     "peer/card", "<= 0.5"},
+    {"no code, PDF417: readCodes 420f vs ReadBarcodes default BGRX", "ours/empty/pdf417",
+     "peer/empty", "-"},
+    {"no code, PDF417+QR: readCodes 420f vs ReadBarcodes default BGRX", "ours/empty/pdf417+qr",
+     "peer/empty", "-"},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  cv::setNumThreads(1);  // both sides single-threaded
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  // Both sides must read the card's code for the comparison to mean anything.
+  bool oursReads = false, peerReads = false;
+  for (const auto& o : kwq::platform::readCodes(cardFrame().nv12, kPdf417))
+    oursReads =
+        oursReads || dynamic_cast<const kwq::MetadataMachineReadableCodeObject&>(*o).stringValue ==
+                         cardFrame().text;
+  for (const auto& r :
+       ZXing::ReadBarcodes({cardFrame().bgra.data, kWidth, kHeight, ZXing::ImageFormat::BGRX,
+                            static_cast<int>(cardFrame().bgra.step[0])}))
+    peerReads = peerReads || r.text() == cardFrame().text;
+  if (!oursReads || !peerReads) {
+    std::fprintf(stderr, "the card's code was not read in the benchmark frame (ours %d, peer %d)\n",
+                 oursReads, peerReads);
+    return 1;
+  }
+  emptyFrame();
+  const kwq::bench::BenchCase cases[] = {{"ours/card/pdf417", oursCardPdf417},
+                                         {"ours/card/pdf417+qr", oursCardBoth},
+                                         {"peer/card", peerCard},
+                                         {"ours/empty/pdf417", oursEmptyPdf417},
+                                         {"ours/empty/pdf417+qr", oursEmptyBoth},
+                                         {"peer/empty", peerEmpty}};
+  kwq::bench::registerRepeated(cases);
+  // CPU time, because the machines this runs on are shared: wall time also counts the moments
+  // another process holds the core.
+  kwq::bench::MedianReporter reporter(kwq::bench::MedianOf::CpuTime);
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  kwq::bench::printMedianTable(reporter, kRows);
+  benchmark::Shutdown();
+  return 0;
+}

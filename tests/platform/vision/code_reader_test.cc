@@ -1,0 +1,304 @@
+#include "platform/vision/code_reader.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "platform/media/synthetic_scene.h"
+#include "support/test_support.h"
+#include "tests/support/code_scenes.h"
+
+// Fontconfig keeps what it parses for the synthetic card's text for the life of the process.
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:libfontconfig.so\nleak:libexpat.so\n";
+}
+
+namespace kwq::platform {
+namespace {
+
+using test::CodeKind;
+using test::CodePose;
+
+const std::string kPdf417(AVMetadataObjectTypePDF417Code);
+const std::string kQR(AVMetadataObjectTypeQRCode);
+const std::vector<std::string> kBoth{kPdf417, kQR};
+
+const MetadataMachineReadableCodeObject& code(const MetadataObjects& objects, size_t i) {
+  return dynamic_cast<const MetadataMachineReadableCodeObject&>(*objects.at(i));
+}
+
+// Worst distance, in pixels, between the reported corners and the printed ones, label for
+// label.
+double cornerError(const MetadataMachineReadableCodeObject& c, const cv::Mat& frame,
+                   const std::array<cv::Point2d, 4>& printed) {
+  if (c.corners.size() != 4) return 1e9;
+  double worst = 0;
+  for (size_t i = 0; i < 4; ++i)
+    worst = std::max(worst, std::hypot(c.corners[i].x * frame.cols - printed[i].x,
+                                       c.corners[i].y * frame.rows - printed[i].y));
+  return worst;
+}
+
+SampleBuffer sample(const cv::Mat& bgra, uint32_t format = kPixelFormat420f, size_t align = 64) {
+  return SampleBuffer(test::frameFromBgra(bgra, format, align), {1001, 30000}, {1000, 30000});
+}
+
+cv::Mat photo(const char* name) {
+  const cv::Mat p = test::loadPhoto(KWQ_SAMPLE_DATA_DIR, name, 1280, 720);
+  EXPECT_FALSE(p.empty()) << name << " (Debian package opencv-doc)";
+  return p.empty() ? cv::Mat(720, 1280, CV_8UC4, cv::Scalar(120, 140, 160, 255)) : p;
+}
+
+CodePose pose(double x, double y, double module, double rotation, double keystone = 0) {
+  CodePose p;
+  p.centre = {x, y};
+  p.modulePixels = module;
+  p.rotationDeg = rotation;
+  p.keystone = keystone;
+  return p;
+}
+
+TEST(CodeReader, ReadsPrintedSymbolsWithCornersWherePrinted) {
+  struct Case {
+    CodeKind kind;
+    const char* photo;
+    CodePose pose;
+  };
+  // PDF417 only while its rows run within a few degrees of the picture's (zxing's reader
+  // stops there); QR at any turn. The top-left corner must follow the symbol round.
+  const Case cases[] = {
+      {CodeKind::PDF417, "building.jpg", pose(640, 360, 3, 0)},
+      {CodeKind::PDF417, "messi5.jpg", pose(500, 300, 2.5, 4, 0.08)},
+      {CodeKind::PDF417, "fruits.jpg", pose(700, 420, 3, 180)},
+      {CodeKind::QR, "building.jpg", pose(300, 250, 4, 30, 0.1)},
+      {CodeKind::QR, "baboon.jpg", pose(900, 400, 5, -45)},
+      {CodeKind::QR, "home.jpg", pose(640, 360, 4, 90, 0.15)},
+      {CodeKind::QR, "stuff.jpg", pose(800, 300, 3, 180)},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    const std::string text = "DOE<<JANE 1988-03-12 K47Q0193552 case " + std::to_string(n++);
+    const auto printed = test::printSymbol(photo(c.photo), test::writeSymbol(c.kind, text), c.pose);
+    const MetadataObjects objects = readCodes(sample(printed.bgra), kBoth);
+    ASSERT_EQ(objects.size(), 1u) << text;
+    const auto& found = code(objects, 0);
+    EXPECT_EQ(found.type, c.kind == CodeKind::QR ? kQR : kPdf417) << text;
+    EXPECT_EQ(found.stringValue, text);
+    // Within a module and a half (zxing reports whole pixels, and PDF417 corners sit on the
+    // start and stop patterns' outer edges as its detector finds them).
+    EXPECT_LE(cornerError(found, printed.bgra, printed.corners), 1.5 * c.pose.modulePixels + 1)
+        << text;
+    double minX = 1, minY = 1, maxX = 0, maxY = 0;
+    for (const Point& p : found.corners) {
+      minX = std::min(minX, p.x), maxX = std::max(maxX, p.x);
+      minY = std::min(minY, p.y), maxY = std::max(maxY, p.y);
+    }
+    EXPECT_DOUBLE_EQ(found.bounds.origin.x, minX);
+    EXPECT_DOUBLE_EQ(found.bounds.origin.y, minY);
+    EXPECT_DOUBLE_EQ(found.bounds.size.width, maxX - minX);
+    EXPECT_DOUBLE_EQ(found.bounds.size.height, maxY - minY);
+    EXPECT_EQ(found.time, (MediaTime{1001, 30000}));
+    EXPECT_EQ(found.duration, (MediaTime{1000, 30000}));
+  }
+}
+
+TEST(CodeReader, OnlyRequestedTypesAreReturned) {
+  cv::Mat scene = photo("building.jpg");
+  scene = test::printSymbol(scene, test::writeSymbol(CodeKind::PDF417, "PDF417 BESIDE A QR"),
+                            pose(400, 360, 3, 0))
+              .bgra;
+  scene = test::printSymbol(scene, test::writeSymbol(CodeKind::QR, "QR BESIDE A PDF417"),
+                            pose(1000, 360, 4, 10))
+              .bgra;
+  const SampleBuffer frame = sample(scene);
+  auto types = [&](const std::vector<std::string>& requested) {
+    std::vector<std::string> out;
+    for (const auto& o : readCodes(frame, requested)) out.push_back(o->type);
+    std::sort(out.begin(), out.end());
+    return out;
+  };
+  EXPECT_EQ(types({kPdf417}), std::vector<std::string>{kPdf417});
+  EXPECT_EQ(types({kQR}), std::vector<std::string>{kQR});
+  EXPECT_EQ(types({"face", kQR, "org.gs1.EAN-13", kQR}), std::vector<std::string>{kQR});
+  EXPECT_EQ(types(kBoth), (std::vector<std::string>{kPdf417, kQR}));
+  EXPECT_TRUE(types({}).empty());
+  EXPECT_TRUE(types({std::string(AVMetadataObjectTypeFace)}).empty());
+  EXPECT_TRUE(types({"org.iso.pdf417", ""}).empty());  // type names are exact
+}
+
+TEST(CodeReader, TextOnlyForTextContent) {
+  const cv::Mat background = photo("building.jpg");
+  struct Case {
+    CodeKind kind;
+    std::string content;
+    bool binary;
+  };
+  std::string bytes;
+  for (int i = 0; i < 64; ++i) bytes.push_back(static_cast<char>((i * 37 + 128) & 0xFF));
+  const Case cases[] = {
+      {CodeKind::QR, "Zoë Ångström, 東京 🚗", false},  // UTF-8 round trip
+      {CodeKind::QR, bytes, true},
+      {CodeKind::PDF417, bytes, true},
+  };
+  for (const Case& c : cases) {
+    const auto printed = test::printSymbol(
+        background, test::writeSymbol(c.kind, c.content, c.binary), pose(640, 360, 3, 0));
+    const MetadataObjects objects = readCodes(sample(printed.bgra), kBoth);
+    ASSERT_EQ(objects.size(), 1u);
+    if (c.binary)
+      EXPECT_EQ(code(objects, 0).stringValue, std::nullopt);
+    else
+      EXPECT_EQ(code(objects, 0).stringValue, c.content);
+    EXPECT_EQ(code(objects, 0).corners.size(), 4u);
+  }
+}
+
+TEST(CodeReader, SameCodesFromEveryPixelFormatAndImageLayout) {
+  const std::string text = "SAME IN EVERY FORMAT 0123456789";
+  const auto printed = test::printSymbol(photo("messi5.jpg"), test::writeSymbol(CodeKind::QR, text),
+                                         pose(640, 360, 4, 20, 0.1));
+  const cv::Mat& bgra = printed.bgra;
+  const MetadataObjects reference = readCodes(sample(bgra), kBoth);
+  ASSERT_EQ(reference.size(), 1u);
+  const auto& ref = code(reference, 0);
+  EXPECT_EQ(ref.stringValue, text);
+
+  auto expectSame = [&](const MetadataObjects& objects, const char* what) {
+    ASSERT_EQ(objects.size(), 1u) << what;
+    const auto& c = code(objects, 0);
+    EXPECT_EQ(c.type, ref.type) << what;
+    EXPECT_EQ(c.stringValue, ref.stringValue) << what;
+    ASSERT_EQ(c.corners.size(), 4u) << what;
+    for (size_t i = 0; i < 4; ++i) {  // luma from other weights may move an edge by a pixel
+      EXPECT_NEAR(c.corners[i].x * 1280, ref.corners[i].x * 1280, 2.0) << what;
+      EXPECT_NEAR(c.corners[i].y * 720, ref.corners[i].y * 720, 2.0) << what;
+    }
+  };
+  expectSame(readCodes(sample(bgra, kPixelFormat420v, 16), kBoth), "420v");
+  expectSame(readCodes(sample(bgra, kPixelFormatBGRA, 256), kBoth), "BGRA");
+  const Image image = Image::copyFromBytes(PixelLayout::BGRA32Premultiplied, bgra.cols, bgra.rows,
+                                           bgra.step[0], bgra.data);
+  for (PixelLayout layout : {PixelLayout::BGRA32Premultiplied, PixelLayout::RGBA32,
+                             PixelLayout::RGB24, PixelLayout::Gray8}) {
+    const MetadataObjects objects = readCodes(image.converted(layout), kBoth);
+    expectSame(objects, "image");
+    if (!objects.empty()) EXPECT_FALSE(objects[0]->time.isValid());
+  }
+}
+
+TEST(CodeReader, ReadsTheSyntheticCardWhereItsCodeIsWhole) {
+  SyntheticScene scene({});
+  int eligible = 0, read = 0;
+  for (uint64_t i = 0; i < 1800; i += 45) {
+    cv::Mat bgra(720, 1280, CV_8UC4);
+    const SyntheticFrameTruth truth = scene.render(i, {}, bgra.data, bgra.step[0]);
+    bool whole = truth.cardFullyVisible;
+    for (const Point& p : truth.codeCorners)
+      whole = whole && p.x >= 0 && p.y >= 0 && p.x <= 1280 && p.y <= 720;
+    if (!whole) continue;
+    ++eligible;
+    const MetadataObjects objects = readCodes(sample(bgra), {kPdf417});
+    if (objects.size() != 1 || code(objects, 0).stringValue != truth.codeText) continue;
+    ++read;
+    // zxing places a rolled PDF417's top-right corner on the top-left corner's row, so only
+    // the corners it measures are checked: the top left, the bottom right, and every x. Its
+    // rows are found to within about one row of the card's symbol (8 pixels at most here).
+    const auto& corners = code(objects, 0).corners;
+    for (size_t c = 0; c < 4; ++c) {
+      const Point p{corners[c].x * 1280, corners[c].y * 720};
+      EXPECT_NEAR(p.x, truth.codeCorners[c].x, 6.0) << "frame " << i << " corner " << c;
+      if (c == 0 || c == 2) EXPECT_NEAR(p.y, truth.codeCorners[c].y, 10.0) << "frame " << i;
+    }
+  }
+  EXPECT_GE(eligible, 30);
+  EXPECT_GE(read * 100, eligible * 97) << read << " of " << eligible;
+}
+
+TEST(CodeReader, BadFramesGiveNothing) {
+  EXPECT_TRUE(readCodes(SampleBuffer(), kBoth).empty());
+  EXPECT_TRUE(readCodes(Image(), kBoth).empty());
+  EXPECT_TRUE(readCodes(Image::withoutBitmap({640, 480}), kBoth).empty());
+
+  std::mt19937 rng(3);
+  auto noise = [&](size_t w, size_t h) {
+    cv::Mat m(static_cast<int>(h), static_cast<int>(w), CV_8UC4);
+    cv::randu(m, 0, 256);
+    return m;
+  };
+  // Odd and tiny sizes in every format, and a frame that is one long row or column.
+  for (auto [w, h] : {std::pair<size_t, size_t>{1, 1},
+                      {3, 2},
+                      {15, 15},
+                      {16, 16},
+                      {17, 9},
+                      {33, 17},
+                      {1280, 3},
+                      {3, 720},
+                      {641, 481}}) {
+    for (uint32_t format : {kPixelFormat420f, kPixelFormat420v, kPixelFormatBGRA}) {
+      for (size_t align : {1, 64}) {
+        const cv::Mat m = noise(w, h);
+        EXPECT_TRUE(readCodes(sample(m, format, align), kBoth).empty()) << w << "x" << h;
+      }
+    }
+    const cv::Mat m = noise(w, h);
+    EXPECT_TRUE(
+        readCodes(Image::copyFromBytes(PixelLayout::BGRA32Premultiplied, w, h, m.step[0], m.data),
+                  kBoth)
+            .empty());
+  }
+
+  // Formats the reader does not take, over a plane that would make a fine luma plane.
+  const cv::Mat qr = test::writeSymbol(CodeKind::QR, "X");
+  cv::Mat gray;
+  cv::copyMakeBorder(qr, gray, 8, 8, 8, 8, cv::BORDER_CONSTANT, 255);
+  for (uint32_t format : {fourCharCode("L008"), fourCharCode("2vuy"), 0u}) {
+    const PixelBuffer b = PixelBuffer::wrap(
+        format, gray.cols, gray.rows,
+        {{gray.data, gray.step[0], static_cast<size_t>(gray.cols), static_cast<size_t>(gray.rows)}},
+        nullptr);
+    ASSERT_FALSE(b.isNull());
+    EXPECT_TRUE(readCodes(SampleBuffer(b), kBoth).empty()) << format;
+  }
+  EXPECT_EQ(readCodes(Image::copyFromBytes(PixelLayout::Gray8, gray.cols, gray.rows, gray.step[0],
+                                           gray.data),
+                      kBoth)
+                .size(),
+            1u);  // the same plane as a gray image is read
+
+  // Planes that do not fit are refused when wrapped, which leaves a null buffer.
+  std::vector<uint8_t> row(64);
+  EXPECT_TRUE(readCodes(SampleBuffer(PixelBuffer::wrap(kPixelFormatBGRA, 16, 16,
+                                                       {{row.data(), 0, 16, 16}}, nullptr)),
+                        kBoth)
+                  .empty());
+}
+
+TEST(CodeReader, ConcurrentCallsAgree) {
+  const std::string text = "READ FROM FOUR THREADS";
+  const auto printed = test::printSymbol(
+      photo("fruits.jpg"), test::writeSymbol(CodeKind::PDF417, text), pose(640, 360, 3, 2));
+  const SampleBuffer frame = sample(printed.bgra);
+  std::array<int, 4> reads{};
+  std::vector<std::thread> threads;
+  for (size_t t = 0; t < reads.size(); ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 5; ++i) {
+        const MetadataObjects objects = readCodes(frame, kBoth);
+        reads[t] += objects.size() == 1 && code(objects, 0).stringValue == text;
+      }
+    });
+  for (auto& th : threads) th.join();
+  for (int r : reads) EXPECT_EQ(r, 5);
+  EXPECT_FALSE(frame.imageBuffer().isLocked());
+}
+
+}  // namespace
+}  // namespace kwq::platform
