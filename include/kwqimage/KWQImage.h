@@ -23,3 +23,4 @@
 #include "kwqimage/KWQVideoHelper.h"
 #include "kwqimage/KWQVideoHelperDelegate.h"
 #include "kwqimage/Layer.h"
+#include "kwqimage/SyntheticCamera.h"

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "kwqimage/Geometry.h"
+#include "kwqimage/SyntheticCamera.h"
 
 namespace kwq::platform {
 
@@ -39,26 +40,6 @@ struct SyntheticCameraEffects {
   double defocusSigma = 0.0;
   /// Multiplies the scene's light (1: as is; a torch or a firing flash brightens the card).
   double lightGain = 1.0;
-};
-
-/// Ground truth of one frame, in pixel coordinates with the origin at the top left, y down;
-/// pixel (i, j) covers [i, i + 1) x [j, j + 1), so the picture spans [0, width] x [0, height].
-/// Corners are given even where they lie outside the picture. Without a card (showCard false,
-/// or a scene that renders nothing) every field but frameIndex keeps its default; a card whose
-/// text the PDF417 writer cannot encode (empty, or too long for one symbol) carries no code
-/// and its codeText and codeCorners keep their defaults.
-struct SyntheticFrameTruth {
-  uint64_t frameIndex = 0;
-  bool cardVisible = false;       ///< some of the card is in the picture
-  bool cardFullyVisible = false;  ///< all four corners are inside the picture
-  /// Card corners: top left, top right, bottom right, bottom left of the card as printed.
-  std::array<Point, 4> cardCorners{};
-  /// Corners of the PDF417 symbol in the same order.
-  std::array<Point, 4> codeCorners{};
-  std::string codeText;
-  /// Angle between the card's normal and the camera's axis in degrees (0: square-on, where the
-  /// card's outline is an undistorted 86 x 54 rectangle).
-  double cardTiltDegrees = 0.0;
 };
 
 /// Renders frames of one scene. Not thread-safe: one thread renders a scene at a time.
