@@ -144,6 +144,7 @@ class SyntheticBackend final : public CameraBackend,
     SyntheticSceneOptions s;
     s.width = width;
     s.height = height;
+    s.kind = options_.scene;
     s.codeText = options_.codeText;
     s.showCard = options_.showCard;
     s.blurSigma = options_.blurSigma;

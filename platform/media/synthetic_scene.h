@@ -12,6 +12,7 @@
 
 #include "kwqimage/Geometry.h"
 #include "kwqimage/SyntheticCamera.h"
+#include "platform/media/synthetic_portrait.h"
 
 namespace kwq::platform {
 
@@ -19,6 +20,10 @@ namespace kwq::platform {
 struct SyntheticSceneOptions {
   size_t width = 1280;
   size_t height = 720;
+  /// The card scene or the portrait scene.
+  SyntheticSceneKind kind = SyntheticSceneKind::Card;
+  /// The portrait scene's photograph; one that cannot be read leaves the scene without it.
+  std::string portraitPath = kPortraitPhotoPath;
   /// Text of the PDF417 code printed on the card.
   std::string codeText = "KWQIMAGE SYNTHETIC CARD 0001";
   /// False films the background alone (frames without a card).
@@ -49,8 +54,10 @@ struct SyntheticCameraEffects {
 /// frames 0 and 900 of each period, tilts up to about 21 degrees in between and rolls within
 /// about 5 (PDF417 readers lose rows skewed further). Twice a period, once between 12 and 26 s
 /// and once between 42 and 56 s, it slides partly out of the picture, for 3 to 4.5 s of partial
-/// frames a minute in all. Scenes of 1 to 8192 pixels a side and at most 40 megapixels are
-/// drawn; a scene of any other size renders nothing. Nothing here throws.
+/// frames a minute in all. The portrait scene's path is portraitViewAt()'s; a portrait scene
+/// whose photograph cannot be read films the background alone and its truth has no face (a
+/// portrait scene reads its photograph when it is made). Scenes of 1 to 8192 pixels a side and at
+/// most 40 megapixels are drawn; a scene of any other size renders nothing. Nothing here throws.
 ///
 /// Making a scene and asking for truth is cheap; the first render draws the card texture and
 /// the background (about 60 ms at 1280 x 720 and 250 ms at 1920 x 1080 on one core), later

@@ -160,6 +160,16 @@ class CaptureMonitor final : public CaptureVideoDataOutputSampleBufferDelegate,
   SampleBuffer firstStableSample_;
 };
 
+// A synthetic camera like `camera` that films the portrait.
+std::shared_ptr<CaptureDevice> portraitCameraLike(const CaptureDevice& camera) {
+  SyntheticCameraOptions options;
+  options.scene = SyntheticSceneKind::Portrait;
+  options.position = camera.position();
+  options.uniqueID = camera.uniqueID();
+  options.localizedName = camera.localizedName();
+  return CaptureDevice::syntheticCamera(options);
+}
+
 // The camera named on the command line; null after one line on `err`.
 std::shared_ptr<CaptureDevice> chooseCamera(const std::string& name, std::ostream& err) {
   if (name.empty()) {
@@ -286,8 +296,10 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
       return 2;
     }
   }
-  const std::shared_ptr<CaptureDevice> camera = chooseCamera(options.camera, err);
+  std::shared_ptr<CaptureDevice> camera = chooseCamera(options.camera, err);
   if (!camera) return 2;
+  // Synthetic cameras film the card; face mode films the portrait instead.
+  if (!options.cardMode && isSyntheticCamera(*camera)) camera = portraitCameraLike(*camera);
 
   // The engine takes the first camera at its position: make ours the only one.
   CaptureDevice::setDevices({camera});
