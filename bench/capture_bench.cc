@@ -47,8 +47,8 @@ class Counter : public kwq::CaptureVideoDataOutputSampleBufferDelegate {
     if (session) {
       const auto newest = kwq::platform::sessionLatestFrame(*session);
       if (!newest.isNull()) {
-        const int64_t lag = int64_t(*kwq::platform::syntheticFrameIndex(newest)) -
-                            int64_t(*kwq::platform::syntheticFrameIndex(frame));
+        const int64_t lag =
+            int64_t(*kwq::syntheticFrameIndex(newest)) - int64_t(*kwq::syntheticFrameIndex(frame));
         if (lag > worstLag) worstLag = lag;
       }
     }

@@ -173,7 +173,7 @@ class DeliveryTap : public kwq::CaptureVideoDataOutputSampleBufferDelegate {
                      kwq::CaptureConnection& connection) override {
     if (delivered >= kDeliveryFrames) return;
     engine_->captureOutput(output, sample, connection);
-    if (const auto index = kwq::platform::syntheticFrameIndex(sample)) {
+    if (const auto index = kwq::syntheticFrameIndex(sample)) {
       std::lock_guard lock(mutex);
       first = std::min(first.value_or(*index), *index);
       last = std::max(last.value_or(*index), *index);

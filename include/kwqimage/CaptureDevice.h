@@ -56,12 +56,23 @@ inline constexpr int64_t AVCaptureTorchModeAuto = 2;
 /// than asked while its maxAvailableTorchLevel() is lower.
 inline constexpr float AVCaptureMaxAvailableTorchLevel = 1.0f;
 
-/// A synthetic camera: films an ID card with a PDF417 code moving in front of a textured
-/// background, at the session preset's size and 30 frames a second, with each frame's ground
-/// truth known. It simulates the controls it is said to have below, so that they show in the
-/// picture: a lens that is out of focus until auto-focus has run (and always with the range
-/// restricted to far subjects, the card being near), a torch that brightens the picture, and a
-/// flash that brightens the frame a still capture takes.
+/// What a synthetic camera films.
+enum class SyntheticSceneKind : uint8_t {
+  /// An ID card with a PDF417 code moving over a desk.
+  Card,
+  /// A portrait photograph (head and shoulders) that moves, nears and recedes, tilts its head
+  /// and leaves the picture for a while every 30 s. The photograph is Debian's
+  /// python3-skimage astronaut picture; where it is not installed the camera films the
+  /// background alone and reports no face.
+  Portrait,
+};
+
+/// A synthetic camera: films an ID card with a PDF417 code (or a portrait, see `scene`) moving
+/// in front of a textured background, at the session preset's size and 30 frames a second,
+/// with each frame's ground truth known (kwqimage/SyntheticCamera.h). It simulates the controls it
+/// is said to have below, so that they show in the picture: a lens that is out of focus until
+/// auto-focus has run (and always with the range restricted to far subjects, the card being near),
+/// a torch that brightens the picture, and a flash that brightens the frame a still capture takes.
 struct SyntheticCameraOptions {
   int64_t position = AVCaptureDevicePositionBack;
   /// Empty: "kwq.synthetic.back" / "kwq.synthetic.front" / "kwq.synthetic.<position>".
@@ -69,6 +80,8 @@ struct SyntheticCameraOptions {
   /// Empty: "Synthetic Back Camera" / "Synthetic Front Camera" / "Synthetic Camera".
   std::string localizedName;
 
+  /// The card (the default, also of the cameras in the default device list) or the portrait.
+  SyntheticSceneKind scene = SyntheticSceneKind::Card;
   /// Text of the PDF417 code on the card.
   std::string codeText = "KWQIMAGE SYNTHETIC CARD 0001";
   /// False films the background alone.

@@ -13,6 +13,8 @@
 
 namespace kwq {
 
+class PixelBuffer;
+
 /// Byte layouts a bitmap can have; every layout has 8 bits per component.
 enum class PixelLayout : uint8_t {
   Gray8,                ///< one luminance byte; device gray, bitmap info 0
@@ -77,6 +79,12 @@ class KWQ_EXPORT Image {
   static Image decode(const uint8_t* data, size_t length);
   /// Reads and decodes a file; null when it cannot be read or decoded.
   static Image loadFile(const std::string& path);
+  /// A copy of a camera frame's pixels as the sensor delivered them (not turned upright; scale
+  /// 1, orientation up): 420f and 420v frames as RGB24 (BT.601 colours, each chroma pair shared
+  /// by its 2 x 2 luma block), BGRA frames as premultiplied BGRA. Null for the null buffer,
+  /// another pixel format, or planes smaller than the frame. The buffer is locked read-only for
+  /// the copy. Thread: any.
+  static Image fromPixelBuffer(const PixelBuffer& frame);
 
   bool isNull() const { return !d_; }
   explicit operator bool() const { return d_ != nullptr; }
@@ -111,6 +119,15 @@ class KWQ_EXPORT Image {
   Image converted(PixelLayout layout) const;
   /// True when both images are backed by the very same bitmap.
   bool sharesBitmapWith(const Image& other) const;
+
+  /// PNG data of the bitmap as stored (scale and orientation ignored), in its own layout: gray
+  /// as gray, RGB as RGB, RGBA and premultiplied BGRA as RGBA with straight alpha. Empty without
+  /// a bitmap or when encoding fails. Thread: any.
+  std::vector<uint8_t> pngData() const;
+  /// Writes pngData() to `path` so that readers see either the old file or the whole new one
+  /// (a temporary file beside it, renamed over it). False, leaving no partial file, without a
+  /// bitmap or when the file cannot be written. Thread: any.
+  bool writePNG(const std::string& path) const;
 
   /// A short description, as the log lines print it: "<KWQImage 0x... {w, h}>" or "(null)".
   std::string description() const;

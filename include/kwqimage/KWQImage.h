@@ -23,6 +23,7 @@
 #include "kwqimage/KWQVideoHelper.h"
 #include "kwqimage/KWQVideoHelperDelegate.h"
 #include "kwqimage/Layer.h"
+#include "kwqimage/SyntheticCamera.h"
 
 // Views, drawing and the renderer that shows a view tree.
 #include "kwqimage/GraphicsContext.h"

@@ -79,3 +79,11 @@ Image imageFromPixelBuffer(const PixelBuffer& frame) {
 }
 
 }  // namespace kwq::platform
+
+namespace kwq {
+
+Image Image::fromPixelBuffer(const PixelBuffer& frame) {
+  return platform::imageFromPixelBuffer(frame);
+}
+
+}  // namespace kwq

@@ -3,6 +3,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "platform/foundation/file_io.h"
 #include "platform/image/image_data.h"
 #include "platform/image/opencv_view.h"
 
@@ -39,3 +40,16 @@ std::vector<uint8_t> encodePNG(const Image& image) {
 }
 
 }  // namespace kwq::platform
+
+namespace kwq {
+
+std::vector<uint8_t> Image::pngData() const {
+  return platform::encodePNG(*this);
+}
+
+bool Image::writePNG(const std::string& path) const {
+  const std::vector<uint8_t> png = pngData();
+  return !png.empty() && platform::writeFileAtomically(path, png);
+}
+
+}  // namespace kwq

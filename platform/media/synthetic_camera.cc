@@ -144,6 +144,7 @@ class SyntheticBackend final : public CameraBackend,
     SyntheticSceneOptions s;
     s.width = width;
     s.height = height;
+    s.kind = options_.scene;
     s.codeText = options_.codeText;
     s.showCard = options_.showCard;
     s.blurSigma = options_.blurSigma;
@@ -273,20 +274,6 @@ std::shared_ptr<CameraBackend> makeSyntheticCameraBackend(SyntheticCameraOptions
   return std::make_shared<SyntheticBackend>(std::move(options));
 }
 
-std::optional<uint64_t> syntheticFrameIndex(const SampleBuffer& frame) {
-  const MediaTime t = frame.presentationTimeStamp();
-  if (!t.isValid() || t.value < 0) return std::nullopt;
-  return static_cast<uint64_t>(std::llround(t.seconds() * kSyntheticFrameRate));
-}
-
-std::optional<SyntheticFrameTruth> syntheticFrameTruth(const CaptureDevice& device,
-                                                       const SampleBuffer& frame) {
-  SyntheticBackend* backend = syntheticBackendOf(device);
-  const auto index = syntheticFrameIndex(frame);
-  if (!backend || !index || frame.isNull()) return std::nullopt;
-  return backend->truthOf(*index, frame.imageBuffer().width(), frame.imageBuffer().height());
-}
-
 std::optional<SyntheticCameraEffects> syntheticFrameEffects(const CaptureDevice& device,
                                                             const SampleBuffer& frame) {
   SyntheticBackend* backend = syntheticBackendOf(device);
@@ -296,3 +283,25 @@ std::optional<SyntheticCameraEffects> syntheticFrameEffects(const CaptureDevice&
 }
 
 }  // namespace kwq::platform
+
+namespace kwq {
+
+std::optional<uint64_t> syntheticFrameIndex(const SampleBuffer& frame) {
+  const MediaTime t = frame.presentationTimeStamp();
+  if (!t.isValid() || t.value < 0) return std::nullopt;
+  return static_cast<uint64_t>(std::llround(t.seconds() * kSyntheticFrameRate));
+}
+
+std::optional<SyntheticFrameTruth> syntheticFrameTruth(const CaptureDevice& device,
+                                                       const SampleBuffer& frame) {
+  platform::SyntheticBackend* backend = platform::syntheticBackendOf(device);
+  const auto index = syntheticFrameIndex(frame);
+  if (!backend || !index || frame.isNull()) return std::nullopt;
+  return backend->truthOf(*index, frame.imageBuffer().width(), frame.imageBuffer().height());
+}
+
+bool isSyntheticCamera(const CaptureDevice& device) {
+  return platform::syntheticBackendOf(device) != nullptr;
+}
+
+}  // namespace kwq

@@ -19,24 +19,13 @@
 
 #include "kwqimage/CaptureDevice.h"
 #include "kwqimage/SampleBuffer.h"
+#include "kwqimage/SyntheticCamera.h"
 #include "platform/media/camera_backend.h"
 #include "platform/media/synthetic_scene.h"
 
 namespace kwq::platform {
 
 std::shared_ptr<CameraBackend> makeSyntheticCameraBackend(SyntheticCameraOptions options);
-
-/// Frame rate of synthetic cameras.
-inline constexpr int kSyntheticFrameRate = 30;
-
-/// The frame number a synthetic camera's frame carries in its time stamp; none for an invalid
-/// time stamp.
-std::optional<uint64_t> syntheticFrameIndex(const SampleBuffer& frame);
-
-/// Ground truth of a frame that `device` (a synthetic camera) delivered, at the frame's size;
-/// none for other cameras and for frames without a valid time stamp.
-std::optional<SyntheticFrameTruth> syntheticFrameTruth(const CaptureDevice& device,
-                                                       const SampleBuffer& frame);
 
 /// The effects the simulated controls put on a frame `device` delivered; none for other
 /// cameras and for frames older than the last 256.

@@ -111,7 +111,8 @@ struct SyntheticScene::Impl {
   // Drawn on the first render, so scenes asked only for their truth cost next to nothing.
   enum class Pictures { NotYet, Ready, Failed } pictures = Pictures::NotYet;
   CardTexture card;
-  cv::Mat background;  // BGRA, the picture's size
+  std::unique_ptr<PortraitPicture> portrait;  // the portrait scene's photograph
+  cv::Mat background;                         // BGRA, the picture's size
   std::vector<uint8_t> noiseUp, noiseDown;
   cv::Mat scratch;  // picture-sized; the card is warped into a part of it
 
@@ -129,7 +130,14 @@ struct SyntheticScene::Impl {
 SyntheticScene::SyntheticScene(SyntheticSceneOptions options) : impl_(std::make_unique<Impl>()) {
   impl_->options = std::move(options);
   impl_->drawable = drawableSize(impl_->options.width, impl_->options.height);
-  if (impl_->drawable && impl_->options.showCard) {
+  if (impl_->drawable && impl_->options.kind == SyntheticSceneKind::Portrait) {
+    // Read here rather than on the first render: the truth depends on whether it is there.
+    try {
+      impl_->portrait = std::make_unique<PortraitPicture>(impl_->options.portraitPath);
+    } catch (...) {
+      impl_->portrait.reset();
+    }
+  } else if (impl_->drawable && impl_->options.showCard) {
     try {
       impl_->codeMm = codeOutlineMm(impl_->options.codeText);
     } catch (...) {
@@ -144,7 +152,8 @@ bool SyntheticScene::Impl::preparePictures() {
     const size_t w = options.width, h = options.height;
     const double ref = std::min<double>(static_cast<double>(w), 1.8 * static_cast<double>(h));
     // Fine enough that the card is never magnified much (it is at most about 0.75 ref wide).
-    if (options.showCard) card = makeCardTexture(options.codeText, 0.8 * ref / kCardWidthMm);
+    if (options.kind == SyntheticSceneKind::Card && options.showCard)
+      card = makeCardTexture(options.codeText, 0.8 * ref / kCardWidthMm);
     background = makeBackground(w, h, options.seed);
     const double sigma = finiteOr(options.noiseSigma, 0.0);
     if (sigma > 0.0) {
@@ -182,6 +191,12 @@ SyntheticFrameTruth SyntheticScene::truth(uint64_t frameIndex) const {
   SyntheticFrameTruth truth;
   truth.frameIndex = frameIndex;
   const Impl& d = *impl_;
+  if (d.options.kind == SyntheticSceneKind::Portrait) {
+    if (d.portrait && !d.portrait->empty())
+      setPortraitTruth(portraitViewAt(frameIndex, d.options.width, d.options.height),
+                       d.options.width, d.options.height, truth);
+    return truth;
+  }
   if (!d.drawable || !d.options.showCard) return truth;
   const double w = static_cast<double>(d.options.width), h = static_cast<double>(d.options.height);
   const CardView view = cardViewAt(d.options.seed, frameIndex, d.options.width, d.options.height);
@@ -306,6 +321,7 @@ SyntheticFrameTruth SyntheticScene::render(uint64_t frameIndex,
   try {
     cv::Mat out(static_cast<int>(h), static_cast<int>(w), CV_8UC4, bgra, bytesPerRow);
     d.background.copyTo(out);
+    if (d.portrait && !d.portrait->empty()) d.portrait->draw(portraitViewAt(frameIndex, w, h), out);
     if (truth.cardVisible && !d.card.levels.empty()) {
       const CardView view = cardViewAt(d.options.seed, frameIndex, w, h);
       const Quad q = d.corners(view, {0.0, 0.0, kCardWidthMm, kCardHeightMm});

@@ -11,6 +11,8 @@
 #include <string>
 
 #include "kwqimage/Geometry.h"
+#include "kwqimage/SyntheticCamera.h"
+#include "platform/media/synthetic_portrait.h"
 
 namespace kwq::platform {
 
@@ -18,6 +20,10 @@ namespace kwq::platform {
 struct SyntheticSceneOptions {
   size_t width = 1280;
   size_t height = 720;
+  /// The card scene or the portrait scene.
+  SyntheticSceneKind kind = SyntheticSceneKind::Card;
+  /// The portrait scene's photograph; one that cannot be read leaves the scene without it.
+  std::string portraitPath = kPortraitPhotoPath;
   /// Text of the PDF417 code printed on the card.
   std::string codeText = "KWQIMAGE SYNTHETIC CARD 0001";
   /// False films the background alone (frames without a card).
@@ -41,26 +47,6 @@ struct SyntheticCameraEffects {
   double lightGain = 1.0;
 };
 
-/// Ground truth of one frame, in pixel coordinates with the origin at the top left, y down;
-/// pixel (i, j) covers [i, i + 1) x [j, j + 1), so the picture spans [0, width] x [0, height].
-/// Corners are given even where they lie outside the picture. Without a card (showCard false,
-/// or a scene that renders nothing) every field but frameIndex keeps its default; a card whose
-/// text the PDF417 writer cannot encode (empty, or too long for one symbol) carries no code
-/// and its codeText and codeCorners keep their defaults.
-struct SyntheticFrameTruth {
-  uint64_t frameIndex = 0;
-  bool cardVisible = false;       ///< some of the card is in the picture
-  bool cardFullyVisible = false;  ///< all four corners are inside the picture
-  /// Card corners: top left, top right, bottom right, bottom left of the card as printed.
-  std::array<Point, 4> cardCorners{};
-  /// Corners of the PDF417 symbol in the same order.
-  std::array<Point, 4> codeCorners{};
-  std::string codeText;
-  /// Angle between the card's normal and the camera's axis in degrees (0: square-on, where the
-  /// card's outline is an undistorted 86 x 54 rectangle).
-  double cardTiltDegrees = 0.0;
-};
-
 /// Renders frames of one scene. Not thread-safe: one thread renders a scene at a time.
 ///
 /// The card's path repeats every 1800 frames (60 s). The card spans about 37 to 65 % of the
@@ -68,8 +54,10 @@ struct SyntheticFrameTruth {
 /// frames 0 and 900 of each period, tilts up to about 21 degrees in between and rolls within
 /// about 5 (PDF417 readers lose rows skewed further). Twice a period, once between 12 and 26 s
 /// and once between 42 and 56 s, it slides partly out of the picture, for 3 to 4.5 s of partial
-/// frames a minute in all. Scenes of 1 to 8192 pixels a side and at most 40 megapixels are
-/// drawn; a scene of any other size renders nothing. Nothing here throws.
+/// frames a minute in all. The portrait scene's path is portraitViewAt()'s; a portrait scene
+/// whose photograph cannot be read films the background alone and its truth has no face (a
+/// portrait scene reads its photograph when it is made). Scenes of 1 to 8192 pixels a side and at
+/// most 40 megapixels are drawn; a scene of any other size renders nothing. Nothing here throws.
 ///
 /// Making a scene and asking for truth is cheap; the first render draws the card texture and
 /// the background (about 60 ms at 1280 x 720 and 250 ms at 1920 x 1080 on one core), later

@@ -15,7 +15,6 @@
 #include <gtest/gtest.h>
 
 #include "../platform/capture/capture_test_support.h"
-#include "platform/image/frame_image.h"
 #include "support/test_support.h"
 
 namespace kwq {
@@ -138,7 +137,7 @@ TEST(SnapshotConversion, Nv12MatchesFloatingPointBt601AndBgraIsCopied) {
     for (size_t p = 0; p < 2; ++p)
       for (size_t i = 0; i < frame.bytesPerRowOfPlane(p) * frame.heightOfPlane(p); ++i)
         frame.baseAddressOfPlane(p)[i] = static_cast<uint8_t>(rng());
-    const Image rgb = platform::imageFromPixelBuffer(frame);
+    const Image rgb = Image::fromPixelBuffer(frame);
     ASSERT_EQ(rgb.layout(), PixelLayout::RGB24);
     ASSERT_EQ(rgb.width(), w);
     int worst = 0;
@@ -160,10 +159,32 @@ TEST(SnapshotConversion, Nv12MatchesFloatingPointBt601AndBgraIsCopied) {
   bgra.lockBaseAddress();
   bgra.baseAddressOfPlane(0)[bgra.bytesPerRowOfPlane(0) * 2 + 4 * 4 + 2] = 200;
   bgra.unlockBaseAddress();
-  const Image copy = platform::imageFromPixelBuffer(bgra);
+  const Image copy = Image::fromPixelBuffer(bgra);
   ASSERT_EQ(copy.layout(), PixelLayout::BGRA32Premultiplied);
   EXPECT_EQ(copy.bytes()[copy.bytesPerRow() * 2 + 4 * 4 + 2], 200);
-  EXPECT_TRUE(platform::imageFromPixelBuffer(PixelBuffer()).isNull());
+  EXPECT_TRUE(Image::fromPixelBuffer(PixelBuffer()).isNull());
+
+  // What --snapshot writes: PNG that reads back as the same pixels (premultiplied BGRA comes
+  // back as straight RGBA), and nothing at all at a path that cannot be written.
+  PixelBuffer opaque = PixelBuffer::allocate(kPixelFormatBGRA, 7, 4);
+  opaque.lockBaseAddress();
+  for (size_t r = 0; r < 4; ++r)
+    for (size_t c = 0; c < 7; ++c) {
+      uint8_t* p = opaque.baseAddressOfPlane(0) + r * opaque.bytesPerRowOfPlane(0) + 4 * c;
+      p[0] = static_cast<uint8_t>(10 * c), p[1] = static_cast<uint8_t>(40 * r), p[2] = 99;
+      p[3] = 255;
+    }
+  opaque.unlockBaseAddress();
+  const std::string png = test::outputDir() + "/snapshot-round-trip.png";
+  ASSERT_TRUE(Image::fromPixelBuffer(opaque).writePNG(png));
+  const Image back = Image::loadFile(png);
+  ASSERT_EQ(back.layout(), PixelLayout::RGBA32);
+  ASSERT_EQ(back.width(), 7u);
+  const uint8_t* last = back.bytes().data() + back.bytesPerRow() * 3 + 4 * 6;
+  EXPECT_EQ(std::vector<uint8_t>(last, last + 4), (std::vector<uint8_t>{99, 120, 60, 255}));
+  EXPECT_FALSE(Image::fromPixelBuffer(opaque).writePNG("/no/such/folder/x.png"));
+  EXPECT_FALSE(Image().writePNG(png + ".null"));
+  EXPECT_FALSE(std::filesystem::exists(png + ".null"));
 }
 
 }  // namespace

@@ -401,7 +401,7 @@ TEST_F(FramePipelineTest, SyntheticCameraCardIsPublishedWithItsCentre) {
   for (const Call& call : calls) {
     EXPECT_EQ(call.rect, kStableCardMarker);
     EXPECT_GE(call.count, 6);
-    const auto truth = platform::syntheticFrameTruth(*engine->device(), call.sample);
+    const auto truth = syntheticFrameTruth(*engine->device(), call.sample);
     ASSERT_TRUE(truth && truth->cardVisible);
     // Truth is y down; the centre is y up.
     const Point c{call.centre.x,

@@ -13,13 +13,12 @@
 #include <set>
 #include <vector>
 
+#include <kwqimage/Image.h>
+#include <kwqimage/KWQCameraRollHelper.h>
+#include <kwqimage/KWQVideoHelper.h>
+#include <kwqimage/SyntheticCamera.h>
+
 #include "kwq/table.h"
-#include "kwqimage/KWQCameraRollHelper.h"
-#include "kwqimage/KWQVideoHelper.h"
-#include "platform/foundation/file_io.h"
-#include "platform/image/frame_image.h"
-#include "platform/image/png_codec.h"
-#include "platform/media/synthetic_camera.h"
 
 namespace kwq::tool {
 namespace {
@@ -60,7 +59,7 @@ class CaptureMonitor final : public CaptureVideoDataOutputSampleBufferDelegate,
   void captureOutput(VideoDataOutput& output, const SampleBuffer& sample,
                      CaptureConnection& connection) override {
     if (limit_ && frames_ >= *limit_) return;
-    const auto index = platform::syntheticFrameIndex(sample);
+    const auto index = syntheticFrameIndex(sample);
     const Clock::time_point start = Clock::now();
     engine_->captureOutput(output, sample, connection);
     const Clock::time_point end = Clock::now();
@@ -161,6 +160,16 @@ class CaptureMonitor final : public CaptureVideoDataOutputSampleBufferDelegate,
   SampleBuffer firstStableSample_;
 };
 
+// A synthetic camera like `camera` that films the portrait.
+std::shared_ptr<CaptureDevice> portraitCameraLike(const CaptureDevice& camera) {
+  SyntheticCameraOptions options;
+  options.scene = SyntheticSceneKind::Portrait;
+  options.position = camera.position();
+  options.uniqueID = camera.uniqueID();
+  options.localizedName = camera.localizedName();
+  return CaptureDevice::syntheticCamera(options);
+}
+
 // The camera named on the command line; null after one line on `err`.
 std::shared_ptr<CaptureDevice> chooseCamera(const std::string& name, std::ostream& err) {
   if (name.empty()) {
@@ -197,8 +206,9 @@ std::string snapshotPathProblem(const std::string& path) {
 
 std::set<std::string> moviesIn(const std::string& folder) {
   std::set<std::string> movies;
-  for (const std::string& name : platform::listDirectory(folder))
-    if (name.ends_with(".mov")) movies.insert((fs::path(folder) / name).string());
+  std::error_code ec;
+  for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
+    if (it->path().extension() == ".mov") movies.insert(it->path().string());
   return movies;
 }
 
@@ -286,8 +296,10 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
       return 2;
     }
   }
-  const std::shared_ptr<CaptureDevice> camera = chooseCamera(options.camera, err);
+  std::shared_ptr<CaptureDevice> camera = chooseCamera(options.camera, err);
   if (!camera) return 2;
+  // Synthetic cameras film the card; face mode films the portrait instead.
+  if (!options.cardMode && isSyntheticCamera(*camera)) camera = portraitCameraLike(*camera);
 
   // The engine takes the first camera at its position: make ours the only one.
   CaptureDevice::setDevices({camera});
@@ -314,7 +326,7 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
   loop.monitor = monitor.get();
   loop.engine = engine.get();
   loop.out = &out;
-  loop.synthetic = camera->uniqueID().starts_with("kwq.synthetic");
+  loop.synthetic = isSyntheticCamera(*camera);
   loop.start = loop.lastPrint = Clock::now();
   gInterrupted = false;
   const auto previousHandler = std::signal(SIGINT, onInterrupt);
@@ -374,9 +386,8 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
   if (!options.snapshot.empty()) {
     bool written = false;
     if (!s.firstStableSample.isNull()) {
-      const Image image = platform::imageFromPixelBuffer(s.firstStableSample.imageBuffer());
-      const std::vector<uint8_t> png = platform::encodePNG(image);
-      written = !png.empty() && platform::writeFileAtomically(options.snapshot, png);
+      written =
+          Image::fromPixelBuffer(s.firstStableSample.imageBuffer()).writePNG(options.snapshot);
       if (!written) err << "kwq capture: cannot write the snapshot " << options.snapshot << '\n';
     } else {
       err << "kwq capture: the card never became stable; no snapshot written\n";

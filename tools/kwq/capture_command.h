@@ -16,7 +16,8 @@ struct CaptureOptions {
   /// Card mode (card detection, the delegate called on stable-card frames) or face mode.
   bool cardMode = true;
   /// Empty: the default camera (the first webcam, else the synthetic back camera);
-  /// "synthetic"; a camera's unique id; or a video file played as a camera.
+  /// "synthetic"; a camera's unique id; or a video file played as a camera. In face mode a
+  /// synthetic camera films the portrait scene instead of the card.
   std::string camera;
   /// Record the camera stream with the engine's recorder (recordCameraData).
   bool record = false;

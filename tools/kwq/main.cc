@@ -6,9 +6,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <kwqimage/kwq_quality.h>
 #include "kwq/capture_command.h"
 #include "kwq/quality_command.h"
-#include "kwqimage/kwq_quality.h"
 
 int main(int argc, char** argv) {
   CLI::App app{"kwq: camera capture and image quality for ID documents and portraits"};

@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <filesystem>
 
+#include <kwqimage/KWQImagingHelper.h>
 #include "kwq/sample_images.h"
 #include "kwq/table.h"
-#include "kwqimage/KWQImagingHelper.h"
 
 namespace kwq::tool {
 namespace {

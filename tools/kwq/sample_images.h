@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "kwqimage/Image.h"
+#include <kwqimage/Image.h>
 
 namespace kwq::tool {
 

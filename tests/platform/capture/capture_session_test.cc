@@ -44,8 +44,8 @@ std::vector<uint8_t> renderExpected(const CaptureDevice& camera, const SampleBuf
   std::vector<uint8_t> bgra(width * height * 4);
   const auto effects = platform::syntheticFrameEffects(camera, frame);
   EXPECT_TRUE(effects.has_value());
-  scene.render(*platform::syntheticFrameIndex(frame),
-               effects.value_or(platform::SyntheticCameraEffects{}), bgra.data(), width * 4);
+  scene.render(*syntheticFrameIndex(frame), effects.value_or(platform::SyntheticCameraEffects{}),
+               bgra.data(), width * 4);
   return bgra;
 }
 
@@ -76,7 +76,7 @@ TEST(CaptureSessionTest, SyntheticFramesArriveAtTheSourceRateInTheRequestedForma
       EXPECT_EQ(f.imageBuffer().width(), 640u);
       EXPECT_EQ(f.imageBuffer().height(), 480u);
       ASSERT_TRUE(f.presentationTimeStamp().isValid());
-      const auto index = static_cast<int64_t>(*platform::syntheticFrameIndex(f));
+      const auto index = static_cast<int64_t>(*syntheticFrameIndex(f));
       EXPECT_GT(index, last);
       last = index;
     }
@@ -104,9 +104,9 @@ TEST(CaptureSessionTest, SyntheticFramesArriveAtTheSourceRateInTheRequestedForma
     }
     EXPECT_LE(diff, format == kPixelFormatBGRA ? 0.0 : 3.0);
     // Truth for the same frame: a card in the picture.
-    const auto truth = platform::syntheticFrameTruth(*rig.camera, f);
+    const auto truth = syntheticFrameTruth(*rig.camera, f);
     ASSERT_TRUE(truth.has_value());
-    EXPECT_EQ(truth->frameIndex, *platform::syntheticFrameIndex(f));
+    EXPECT_EQ(truth->frameIndex, *syntheticFrameIndex(f));
     EXPECT_TRUE(truth->cardVisible);
   }
 }
@@ -118,8 +118,8 @@ TEST(CaptureSessionTest, SlowDelegateGetsFewerFramesNotOlderOnes) {
     // How far the camera is ahead of the frame being handled.
     const SampleBuffer newest = platform::sessionLatestFrame(*rig.session);
     if (!newest.isNull()) {
-      const int64_t lag = static_cast<int64_t>(*platform::syntheticFrameIndex(newest)) -
-                          static_cast<int64_t>(*platform::syntheticFrameIndex(frame));
+      const int64_t lag = static_cast<int64_t>(*syntheticFrameIndex(newest)) -
+                          static_cast<int64_t>(*syntheticFrameIndex(frame));
       if (lag > worstLag) worstLag = lag;
     }
     std::this_thread::sleep_for(100ms);  // the delegate's slow work
