@@ -168,7 +168,7 @@ int main(int argc, char** argv) {
 
   kwq::platform::SyntheticScene scene({});
   for (uint64_t index = 0; index < 1800; index += step) {
-    const kwq::platform::SyntheticFrameTruth truth = scene.truth(index);
+    const kwq::SyntheticFrameTruth truth = scene.truth(index);
     bool inside = truth.cardFullyVisible && !truth.codeText.empty();
     for (const kwq::Point& p : truth.codeCorners)
       inside = inside && p.x >= 0 && p.y >= 0 && p.x <= kWidth && p.y <= kHeight;
