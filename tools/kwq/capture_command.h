@@ -25,14 +25,29 @@ struct CaptureOptions {
   std::string snapshot;
   /// Rewrite the progress line in place (a terminal) instead of printing one a second.
   bool liveProgress = false;
+  /// Print the summary as one JSON object instead of the table.
+  bool json = false;
+  /// Write one JSON line per delivered frame here; empty: nowhere.
+  std::string events;
+  /// At the end of the run, render the preview view (the host's view of the camera with the
+  /// engine's overlays) to this PNG; empty: no render. The view is previewWidth x
+  /// previewHeight points, also while the run goes (faces are measured in its points).
+  std::string preview;
+  int previewWidth = 640;
+  int previewHeight = 480;
+  /// At the end of the run, take a still picture and save it here as PNG; empty: no still.
+  std::string still;
+  /// Switch between the front and the back camera at this frame.
+  std::optional<uint64_t> toggleAt;
 };
 
 /// `kwq capture`: runs the capture engine on a camera, shows progress (frames, fps, dropped
-/// frames, stable-card frames, decoded code text) and prints a summary table. Runs and pumps
+/// frames, stable-card frames or faces, decoded code text) and prints a summary table (or
+/// JSON): frames, faces and their angles, codes read, metadata rates and latency. Runs and pumps
 /// GLib's default main context on the calling thread; Ctrl-C ends the run early with the
 /// summary. Returns the exit code: 0; 1 when the camera delivered nothing, the card never
-/// became stable while a snapshot was asked for, or the snapshot or movie could not be saved;
-/// 2 for options that cannot work (an unknown camera, an unwritable snapshot path).
+/// became stable while a snapshot was asked for, or a snapshot, still, preview or movie could
+/// not be saved; 2 for options that cannot work (an unknown camera, an unwritable path).
 int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& err);
 
 }  // namespace kwq::tool

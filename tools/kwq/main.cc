@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
@@ -36,6 +37,19 @@ int main(int argc, char** argv) {
                            "about 55 MB a second at 1280x720)");
   captureCommand->add_option("--snapshot", capture.snapshot,
                              "Save the frame on which the card first became stable (PNG)");
+  captureCommand->add_flag("--json", capture.json,
+                           "Print the summary as one JSON object instead of the table");
+  captureCommand->add_option("--events", capture.events,
+                             "Write one JSON line per delivered frame to FILE");
+  captureCommand->add_option("--preview", capture.preview,
+                             "At the end, render the preview view with its overlays (PNG)");
+  std::string previewSize = "640x480";
+  captureCommand->add_option("--preview-size", previewSize,
+                             "Size of the preview view in points, WxH (default 640x480)");
+  captureCommand->add_option("--still", capture.still,
+                             "At the end, take a still picture and save it (PNG)");
+  captureCommand->add_option("--toggle-at", capture.toggleAt,
+                             "Switch between the front and the back camera at frame N");
 
   std::vector<std::string> qualityFiles;
   CLI::App* quality = app.add_subcommand(
@@ -54,6 +68,13 @@ int main(int argc, char** argv) {
   try {
     if (*captureCommand) {
       capture.cardMode = mode == "card";
+      char x = 0, rest = 0;
+      if (std::sscanf(previewSize.c_str(), "%d%c%d%c", &capture.previewWidth, &x,
+                      &capture.previewHeight, &rest) != 3 ||
+          (x != 'x' && x != 'X')) {
+        std::cerr << "kwq capture: --preview-size must be WxH, as 640x480\n";
+        return 2;
+      }
       capture.liveProgress = ::isatty(STDOUT_FILENO) != 0;
       return kwq::tool::runCapture(capture, std::cout, std::cerr);
     }
