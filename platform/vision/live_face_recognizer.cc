@@ -90,6 +90,8 @@ struct Track {
   cv::Mat picture;  // kTemplateSide square, from the last search
   int missedSearches = 0;
   Angles angles;
+  // Signed buckets of the last estimate (degrees; turn positive to the right, tilt clockwise).
+  std::optional<double> turnBucket, tiltBucket;
 };
 
 // Picture of `box` scaled to the template's side; empty when the box leaves the image.
@@ -192,30 +194,51 @@ std::optional<double> turnOf(const std::array<cv::Point2d, 68>& p, cv::Size imag
   return std::isfinite(turn) ? std::optional<double>(turn) : std::nullopt;
 }
 
-double yawBucket(double turn) {
-  const double a = std::abs(turn);
-  if (a < 22.5) return 0;
-  if (a < 67.5) return turn > 0 ? 45 : 315;
-  return turn > 0 ? 90 : 270;
+// The bucket `step` degrees wide nearest to `value`, except that a face keeps its previous
+// bucket until the value has gone `kSettle` degrees past the bucket's edge, so estimates near
+// an edge do not make the reported angle flicker from frame to frame.
+constexpr double kSettle = 7.5;
+
+double bucket(double value, double step, std::optional<double> previous) {
+  if (previous && std::abs(value - *previous) < step / 2 + kSettle) return *previous;
+  return std::round(value / step) * step;
 }
 
-double rollBucket(double tilt) {
-  // Adding a full turn first keeps small counter-clockwise tilts at +0 rather than -0.
-  return std::fmod(std::round(tilt / 30.0) * 30.0 + 360.0, 360.0);
+// Signed turn bucket (-90..90) to the platform's yaw.
+double yawOf(double turnBucket) {
+  const double clamped = std::clamp(turnBucket, -90.0, 90.0);
+  // Adding a full turn first keeps the frontal bucket at +0 rather than -0.
+  return std::fmod(clamped + 360.0, 360.0);
 }
 
-Angles anglesOf(const cv::Mat& work, const cv::Rect2d& box) {
+// Signed tilt bucket to the platform's roll in [0, 360).
+double rollOf(double tiltBucket) {
+  return std::fmod(tiltBucket + 360.0, 360.0);
+}
+
+// Estimates the track's angles on `work`; forgets them when landmarks cannot be fitted.
+void estimateAngles(const cv::Mat& work, Track& t) {
   const Landmarks& lm = landmarks();
-  if (!lm.ok) return {};
-  std::array<cv::Point2d, 68> points = fit(lm, work, box, 0.0);
-  double tilt = tiltOf(points);
-  if (std::abs(tilt) > kRefitTilt) {
-    points = fit(lm, work, box, tilt);
+  std::optional<double> turn;
+  double tilt = 0;
+  if (lm.ok) {
+    std::array<cv::Point2d, 68> points = fit(lm, work, t.box, 0.0);
     tilt = tiltOf(points);
+    if (std::abs(tilt) > kRefitTilt) {
+      points = fit(lm, work, t.box, tilt);
+      tilt = tiltOf(points);
+    }
+    turn = turnOf(points, work.size());
   }
-  const std::optional<double> turn = turnOf(points, work.size());
-  if (!turn || !std::isfinite(tilt)) return {};
-  return {true, yawBucket(*turn), rollBucket(tilt)};
+  if (!turn || !std::isfinite(tilt)) {
+    t.angles = {};
+    t.turnBucket.reset();
+    t.tiltBucket.reset();
+    return;
+  }
+  t.turnBucket = bucket(*turn, 45.0, t.turnBucket);
+  t.tiltBucket = bucket(tilt, 30.0, t.tiltBucket);
+  t.angles = {true, yawOf(*t.turnBucket), rollOf(*t.tiltBucket)};
 }
 
 }  // namespace
@@ -225,7 +248,7 @@ struct LiveFaceRecognizer::State {
   dlib::frontal_face_detector detector = dlib::get_frontal_face_detector();
   std::vector<Track> tracks;
   cv::Size frameSize;
-  int sinceSearch = 0;  // frames since the last full search
+  int untilSearch = 0;  // frames left before the next full search; the first frame searches
   int64_t nextID = 1;
   cv::Mat work;
 
@@ -242,7 +265,7 @@ struct LiveFaceRecognizer::State {
     if (gray.size() != frameSize) {
       tracks.clear();
       frameSize = gray.size();
-      sinceSearch = 0;
+      untilSearch = 0;
     }
     const int shortSide = std::min(gray.cols, gray.rows);
     const double scale =
@@ -265,15 +288,14 @@ struct LiveFaceRecognizer::State {
         it = tracks.erase(it);
       }
     }
-    const int interval = std::max(1, options.detectionInterval);
-    if (sinceSearch + 1 >= interval || lost) {
-      sinceSearch = 0;
+    if (untilSearch <= 0 || lost) {
+      untilSearch = std::max(1, options.detectionInterval) - 1;
       merge(search());
     } else {
-      ++sinceSearch;
+      --untilSearch;
     }
     if (options.estimateAngles)
-      for (Track& t : tracks) t.angles = anglesOf(work, t.box);
+      for (Track& t : tracks) estimateAngles(work, t);
   }
 
   // Found faces take the identifiers of the followed faces they overlap, best overlaps first;
@@ -305,6 +327,12 @@ struct LiveFaceRecognizer::State {
     for (size_t i = 0; i < found.size(); ++i) {
       Track t;
       t.id = ids[i] != 0 ? ids[i] : nextID++;
+      if (ids[i] != 0)
+        for (const Track& old : tracks)
+          if (old.id == ids[i]) {
+            t.turnBucket = old.turnBucket;
+            t.tiltBucket = old.tiltBucket;
+          }
       t.box = found[i];
       t.picture = pictureOf(work, t.box);
       next.push_back(std::move(t));

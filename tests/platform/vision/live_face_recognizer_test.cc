@@ -3,7 +3,9 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <random>
 #include <set>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -124,6 +126,126 @@ TEST(LiveFaceRecognizerTest, FindsTheHandCheckedFacesOfMegamindFrameAfterFrame) 
   std::printf("recall %d/%d, false faces %d\n", score.found, score.faces, score.falseFaces);
   EXPECT_GE(score.recall(), 0.9);
   EXPECT_LE(score.falseFaces, 2);
+}
+
+// One shot of one face (frames 200 to 269): the face is delivered in every frame under one
+// identifier; the cuts before it bring new faces with new identifiers, never reused.
+TEST(LiveFaceRecognizerTest, KeepsOneIdentifierWhileTheFaceIsFollowedAndNewOnesAfterCuts) {
+  ASSERT_GE(megamind().size(), 270u);
+  LiveFaceRecognizer recognizer;
+  std::map<size_t, int64_t> idAt;
+  std::set<int64_t> shotIDs;
+  for (size_t i = 0; i < 270; ++i) {
+    const Faces faces = recognizer.recognize(test::sample420f(megamind()[i], i));
+    if (i >= 200) {
+      ASSERT_FALSE(faces.empty()) << "frame " << i;
+      shotIDs.insert(faces[0]->faceID);
+    }
+    if (!faces.empty()) idAt[i] = faces[0]->faceID;
+  }
+  EXPECT_EQ(shotIDs.size(), 1u);
+  // The woman (up to 99), the man (100 to 159), the woman again from another side (160 to
+  // 199), the man close up (200 on): four faces, four identifiers.
+  ASSERT_TRUE(idAt.count(90) && idAt.count(130) && idAt.count(180) && idAt.count(230));
+  EXPECT_EQ(std::set<int64_t>({idAt[90], idAt[130], idAt[180], idAt[230]}).size(), 4u);
+  EXPECT_LT(idAt[90], idAt[130]);
+  EXPECT_LT(idAt[180], idAt[230]);
+}
+
+// Roll is the clockwise tilt as seen, in steps of 30; yaw says which way the head turns.
+// Frame 130 shows the man turned towards the frame's left edge, frame 40 the woman turned
+// towards its right edge.
+TEST(LiveFaceRecognizerTest, ReportsRollOfTiltedFacesAndYawOfTurnedOnes) {
+  ASSERT_GE(megamind().size(), 131u);
+  ASSERT_TRUE(LiveFaceRecognizer::landmarksAvailable()) << "Debian package libdlib-data";
+  struct Case {
+    size_t frame;
+    double yaw;
+  };
+  for (const Case c : {Case{130, 315}, Case{40, 45}}) {
+    // cv::getRotationMatrix2D turns counter-clockwise for positive angles.
+    for (const auto& [counterClockwise, roll] :
+         std::vector<std::pair<double, double>>{{0, 0}, {-30, 30}, {30, 330}}) {
+      SCOPED_TRACE("frame " + std::to_string(c.frame) + " turned " +
+                   std::to_string(counterClockwise));
+      const cv::Mat picture = rotated(megamind()[c.frame], counterClockwise);
+      LiveFaceRecognizer recognizer;
+      const Faces faces = steady(recognizer, picture);
+      ASSERT_EQ(faces.size(), 1u);
+      ASSERT_TRUE(faces[0]->hasRollAngle && faces[0]->hasYawAngle);
+      EXPECT_EQ(faces[0]->rollAngle, roll);
+      EXPECT_EQ(faces[0]->yawAngle, c.yaw);
+
+      // The mirror image turns and tilts the other way.
+      cv::Mat mirror;
+      cv::flip(picture, mirror, 1);
+      LiveFaceRecognizer mirrored;
+      const Faces seen = steady(mirrored, mirror);
+      ASSERT_EQ(seen.size(), 1u);
+      EXPECT_EQ(seen[0]->rollAngle, roll == 0 ? 0 : 360 - roll);
+      EXPECT_EQ(seen[0]->yawAngle, 360 - c.yaw);
+    }
+  }
+}
+
+// Photographs of things, not people, from opencv-doc, shown as a steady 720p camera would
+// show them (BGRA), for a few searches each.
+TEST(LiveFaceRecognizerTest, FindsNoFacesInFaceFreePhotographs) {
+  for (const char* name : {"building.jpg", "fruits.jpg", "board.jpg", "home.jpg", "leuvenA.jpg",
+                           "stuff.jpg", "orange.jpg", "sudoku.png", "smarties.png", "butterfly.jpg",
+                           "apple.jpg", "aero1.jpg", "starry_night.jpg", "notes.png", "blox.jpg"}) {
+    const cv::Mat photo = cv::imread(test::samplePath(name));
+    ASSERT_FALSE(photo.empty()) << name;
+    const cv::Mat frame = test::letterbox720(photo);
+    LiveFaceRecognizer recognizer;
+    size_t faces = 0;
+    for (int i = 0; i < 12; ++i) faces += recognizer.recognize(test::sampleBGRA(frame, i)).size();
+    EXPECT_EQ(faces, 0u) << name;
+  }
+}
+
+// 420f, 420v and BGRA frames of one picture give the same face.
+TEST(LiveFaceRecognizerTest, ReadsEveryCameraFormatAlike) {
+  ASSERT_GE(megamind().size(), 131u);
+  const cv::Mat& picture = megamind()[130];
+  LiveFaceRecognizer fromLuma, fromBGRA;
+  const Faces luma = fromLuma.recognize(test::sample420f(picture));
+  const Faces bgra = fromBGRA.recognize(test::sampleBGRA(picture));
+  ASSERT_EQ(luma.size(), 1u);
+  ASSERT_EQ(bgra.size(), 1u);
+  EXPECT_TRUE(test::sameFace(pixels(*luma[0], picture.size()), pixels(*bgra[0], picture.size())));
+  EXPECT_NEAR(luma[0]->bounds.minX(), bgra[0]->bounds.minX(), 0.01);
+  EXPECT_NEAR(luma[0]->bounds.width(), bgra[0]->bounds.width(), 0.01);
+}
+
+// Bad frames give no faces and leave the recogniser able to go on.
+TEST(LiveFaceRecognizerTest, BadFramesGiveNoFaces) {
+  LiveFaceRecognizer recognizer;
+  EXPECT_TRUE(recognizer.recognize(SampleBuffer()).empty());
+  for (const auto& [format, w, h] :
+       std::vector<std::tuple<uint32_t, size_t, size_t>>{{kPixelFormat420f, 1, 1},
+                                                         {kPixelFormatBGRA, 1, 1},
+                                                         {kPixelFormat420v, 79, 79},
+                                                         {kPixelFormatBGRA, 4000, 2},
+                                                         {kPixelFormat420f, 2, 4000}}) {
+    const PixelBuffer buffer = PixelBuffer::allocate(format, w, h);
+    ASSERT_FALSE(buffer.isNull());
+    EXPECT_TRUE(recognizer.recognize(SampleBuffer(buffer)).empty()) << w << " x " << h;
+  }
+  // A format the recogniser does not read, wrapped around real memory.
+  std::vector<uint8_t> bytes(640 * 480 * 2, 128);
+  const PixelBuffer yuvs =
+      PixelBuffer::wrap(fourCharCode("yuvs"), 640, 480, {{bytes.data(), 1280, 640, 480}}, [] {});
+  ASSERT_FALSE(yuvs.isNull());
+  EXPECT_TRUE(recognizer.recognize(SampleBuffer(yuvs)).empty());
+  // Random noise at camera size: no crash, and not a crowd.
+  std::mt19937 rng(7);
+  cv::Mat noise(720, 1280, CV_8UC3);
+  cv::randu(noise, 0, 256);
+  EXPECT_LE(recognizer.recognize(test::sample420f(noise)).size(), 1u);
+
+  ASSERT_GE(megamind().size(), 131u);
+  EXPECT_EQ(steady(recognizer, megamind()[130]).size(), 1u);
 }
 
 }  // namespace
