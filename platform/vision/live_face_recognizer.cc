@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -132,8 +131,22 @@ bool follow(const cv::Mat& work, Track& t) {
 std::array<cv::Point2d, 68> fit(const Landmarks& lm, const cv::Mat& work, const cv::Rect2d& box,
                                 double tilt) {
   std::array<cv::Point2d, 68> out;
+  const auto rect = [](double x0, double y0, double x1, double y1) {
+    return dlib::rectangle(std::lround(x0), std::lround(y0), std::lround(x1) - 1,
+                           std::lround(y1) - 1);
+  };
+  if (tilt == 0.0) {
+    // Upright: fitted in place, no copy.
+    const dlib::full_object_detection shape =
+        lm.model(dlib::cv_image<unsigned char>(work), rect(box.x, box.y, box.br().x, box.br().y));
+    for (size_t i = 0; i < 68; ++i) {
+      const dlib::point p = shape.part(static_cast<unsigned long>(i));
+      out[i] = {static_cast<double>(p.x()), static_cast<double>(p.y())};
+    }
+    return out;
+  }
   const cv::Point2d c = centre(box);
-  const double side = std::max(box.width, box.height) * 2.0;
+  const double side = std::max(box.width, box.height) * 1.5;
   const int n = std::max(16, static_cast<int>(std::lround(side)));
   // Upright crop of n x n centred on the face: rotating by -tilt undoes the tilt.
   cv::Matx23d toCrop = cv::getRotationMatrix2D(c, tilt, 1.0);
@@ -142,10 +155,9 @@ std::array<cv::Point2d, 68> fit(const Landmarks& lm, const cv::Mat& work, const 
   cv::Mat crop;
   cv::warpAffine(work, crop, toCrop, cv::Size(n, n), cv::INTER_LINEAR, cv::BORDER_REPLICATE);
   const double half = n / 2.0;
-  const dlib::rectangle r(std::lround(half - box.width / 2), std::lround(half - box.height / 2),
-                          std::lround(half + box.width / 2) - 1,
-                          std::lround(half + box.height / 2) - 1);
-  const dlib::full_object_detection shape = lm.model(dlib::cv_image<unsigned char>(crop), r);
+  const dlib::full_object_detection shape = lm.model(
+      dlib::cv_image<unsigned char>(crop), rect(half - box.width / 2, half - box.height / 2,
+                                                half + box.width / 2, half + box.height / 2));
   cv::Matx23d back;
   cv::invertAffineTransform(toCrop, back);
   for (size_t i = 0; i < 68; ++i) {

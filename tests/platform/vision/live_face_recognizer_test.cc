@@ -3,7 +3,6 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
-#include <random>
 #include <set>
 #include <tuple>
 #include <vector>
@@ -239,7 +238,6 @@ TEST(LiveFaceRecognizerTest, BadFramesGiveNoFaces) {
   ASSERT_FALSE(yuvs.isNull());
   EXPECT_TRUE(recognizer.recognize(SampleBuffer(yuvs)).empty());
   // Random noise at camera size: no crash, and not a crowd.
-  std::mt19937 rng(7);
   cv::Mat noise(720, 1280, CV_8UC3);
   cv::randu(noise, 0, 256);
   EXPECT_LE(recognizer.recognize(test::sample420f(noise)).size(), 1u);
