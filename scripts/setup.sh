@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 
 packages=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
-  libopencv-dev opencv-data opencv-doc
+  libopencv-dev opencv-data opencv-doc libdlib-dev libdlib-data
   libcairo2-dev libpango1.0-dev libglib2.0-dev fonts-dejavu-core
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-libav gstreamer1.0-tools libzxing-dev

@@ -47,8 +47,11 @@ struct KWQ_EXPORT MetadataObject {
   MediaTime duration;
 };
 
-/// A face; angles in degrees as the platform reports them (coarse steps: roll in multiples of
-/// 30, yaw one of 0, 45, 90, 270, 315).
+/// A face; angles in degrees as the platform reports them, in coarse steps, and only when the
+/// has... flag says they were estimated (0 otherwise). Yaw is one of 0 (frontal), 45 or 90 (the
+/// head turned towards the frame's right edge: the nose points right as seen), 315 or 270
+/// (turned towards its left edge). Roll is the clockwise tilt as seen in the frame, a multiple
+/// of 30 in [0, 360): 30 for a head leaning clockwise, 330 for one leaning counter-clockwise.
 struct KWQ_EXPORT MetadataFaceObject : MetadataObject {
   int64_t faceID = 0;
   bool hasRollAngle = false;
