@@ -188,8 +188,9 @@ struct CaptureSession::Impl : std::enable_shared_from_this<CaptureSession::Impl>
 
 namespace platform {
 
-/// Installs the function that finds objects in a metadata output's frames (the face and code
-/// recognisers plug in here). Without one the output finds nothing.
+/// Replaces the function that finds objects in a metadata output's frames (every output starts
+/// with the face and code recognisers of platform/vision/metadata_recognizer.h). Null: the
+/// output finds nothing.
 void setMetadataRecognizer(MetadataOutput& output, MetadataOutput::Impl::Recognizer recognizer);
 
 /// The size of the frames a session delivers: that of the newest frame, else the size the

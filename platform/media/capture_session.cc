@@ -5,6 +5,7 @@
 #include "platform/media/capture_internal.h"
 #include "platform/media/capture_pipeline.h"
 #include "platform/media/gst_init.h"
+#include "platform/vision/metadata_recognizer.h"
 
 namespace kwq {
 namespace {
@@ -380,6 +381,7 @@ MetadataOutput::~MetadataOutput() = default;
 std::shared_ptr<MetadataOutput> MetadataOutput::create() {
   std::shared_ptr<MetadataOutput> output(new MetadataOutput);
   output->d_->self = output;
+  output->d_->recognizer = platform::makeMetadataRecognizer();
   return output;
 }
 
