@@ -12,6 +12,7 @@ packages=(
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-libav gstreamer1.0-tools libzxing-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+  qt6-base-dev xvfb
 )
 
 missing=()
