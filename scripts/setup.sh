@@ -14,6 +14,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   # The synthetic camera's portrait scene films skimage's astronaut photograph.
   python3-skimage
+  qt6-base-dev xvfb
 )
 
 missing=()

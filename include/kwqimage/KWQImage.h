@@ -26,6 +26,10 @@
 #include "kwqimage/SyntheticCamera.h"
 
 // Views, drawing and the renderer that shows a view tree.
+#include "kwqimage/Error.h"
 #include "kwqimage/GraphicsContext.h"
+#include "kwqimage/KWQProgressCircleView.h"
+#include "kwqimage/KWQSimpleCaptureView.h"
 #include "kwqimage/Render.h"
+#include "kwqimage/Timer.h"
 #include "kwqimage/View.h"

@@ -29,9 +29,13 @@ class KWQ_EXPORT View : public std::enable_shared_from_this<View> {
   View& operator=(const View&) = delete;
 
   Rect frame() const { return layer_->frame(); }
-  void setFrame(Rect frame) { layer_->setFrame(frame); }
+  /// Moves and sizes the view; a new size goes through setBounds() first, so a subclass sees
+  /// every resize there.
+  void setFrame(Rect frame);
   Rect bounds() const { return layer_->bounds(); }
-  void setBounds(Rect bounds) { layer_->setBounds(bounds); }
+  /// Sets the bounds (the frame takes their size). Overridden by views that rebuild their
+  /// content on a resize.
+  virtual void setBounds(Rect bounds) { layer_->setBounds(bounds); }
   bool isHidden() const { return layer_->isHidden(); }
   void setHidden(bool hidden) { layer_->setHidden(hidden); }
   /// The view's own layer; never null.

@@ -55,6 +55,12 @@ KWQ_EXPORT extern const double KWQImageVersionNumber;
 /** "@(#)PROGRAM:KWQImage  PROJECT:KWQImage-1" followed by a line feed. */
 KWQ_EXPORT extern const unsigned char KWQImageVersionString[];
 
+/** -90.0: the angle in degrees at which the progress circle's segment starts (the top).
+ *  Published for host code; the view's drawing carries the value itself. */
+KWQ_EXPORT extern const double kAngleOffset;
+/** 8. Published with the progress circle for host code; the view does not read it. */
+KWQ_EXPORT extern const int32_t INNER_BORDER_RADIUS_PERCENTAGE;
+
 #ifdef __cplusplus
 }
 #endif

@@ -8,7 +8,7 @@
 
 #include "kwqimage/Log.h"
 
-namespace kwq::platform {
+namespace kwq {
 
 struct Timer::State {
   std::function<void()> block;
@@ -85,4 +85,4 @@ bool Timer::isValid() const {
   return state_->valid.load();
 }
 
-}  // namespace kwq::platform
+}  // namespace kwq

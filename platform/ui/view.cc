@@ -25,6 +25,12 @@ View::~View() {
   for (auto& subview : subviews_) subview->superview_.reset();
 }
 
+void View::setFrame(Rect frame) {
+  const Rect bounds = layer_->bounds();
+  if (frame.size != bounds.size) setBounds({bounds.origin, frame.size});
+  layer_->setFrame(frame);
+}
+
 void View::addSubview(const std::shared_ptr<View>& view) {
   insertSubview(view, subviews_.size());
 }

@@ -17,4 +17,11 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 c++ -std=c++20 "$source/consumer/main.cc" -o "$work/pc-consumer" \
   $(pkg-config --cflags --libs kwqimage)
 LD_LIBRARY_PATH="$libdir" "$work/pc-consumer"
+# The Qt component, when this build made it.
+if [ -f "$(dirname "$libdir")/$(basename "$libdir")/cmake/KWQImage/KWQImageQtTargets.cmake" ]; then
+  cmake -S "$source/consumer_qt" -B "$work/qt-build" -G Ninja \
+    -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+  cmake --build "$work/qt-build" >/dev/null
+  QT_QPA_PLATFORM=offscreen LD_LIBRARY_PATH="$libdir" "$work/qt-build/consumer_qt"
+fi
 echo "install check passed"

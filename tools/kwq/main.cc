@@ -10,6 +10,7 @@
 #include <kwqimage/kwq_quality.h>
 #include "kwq/capture_command.h"
 #include "kwq/quality_command.h"
+#include "kwq/view_command.h"
 
 int main(int argc, char** argv) {
   CLI::App app{"kwq: camera capture and image quality for ID documents and portraits"};
@@ -57,6 +58,13 @@ int main(int argc, char** argv) {
       "Score the focus and brightness of images (built-in samples when no file is given)");
   quality->add_option("files", qualityFiles, "Image files (PNG, JPEG, ...)");
 
+  kwq::tool::ViewOptions view;
+  CLI::App* viewCommand = app.add_subcommand(
+      "view", "A window with the capture view, a card-stability circle and capture buttons");
+  viewCommand->add_option("--seconds", view.seconds, "Quit after S seconds")
+      ->check(CLI::PositiveNumber);
+  viewCommand->add_option("--screenshot", view.screenshot, "Save the window (PNG) before quitting");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -78,6 +86,7 @@ int main(int argc, char** argv) {
       capture.liveProgress = ::isatty(STDOUT_FILENO) != 0;
       return kwq::tool::runCapture(capture, std::cout, std::cerr);
     }
+    if (*viewCommand) return kwq::tool::runView(argc, argv, view, std::cout, std::cerr);
     if (*quality) return kwq::tool::runQuality(qualityFiles, std::cout, std::cerr);
   } catch (const std::exception& e) {  // out of memory and the like: one line, not a core
     std::cerr << "kwq: " << e.what() << '\n';
