@@ -15,6 +15,7 @@
 #include <set>
 #include <vector>
 
+#include <kwqimage/DeviceOrientation.h>
 #include <kwqimage/Image.h>
 #include <kwqimage/KWQCameraRollHelper.h>
 #include <kwqimage/KWQVideoHelper.h>
@@ -566,7 +567,7 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
     loop.outline->setFillColor(std::nullopt);
     loop.outline->setLineWidth(3.0);
   }
-  loop.out = &out;
+  loop.out = options.json ? &err : &out;  // JSON alone on stdout, for scripts
   loop.synthetic = isSyntheticCamera(*camera);
   loop.start = loop.lastPrint = Clock::now();
   gInterrupted = false;
@@ -579,6 +580,12 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
   // The still and the preview need the camera still running.
   bool stillSaved = false, previewSaved = false;
   if (!options.still.empty()) {
+    // A desktop camera is fixed in landscape: stills come out as filmed (a front camera's
+    // picture is turned half round for a device held the other way up).
+    const auto current = engine->device();
+    DeviceOrientation::setCurrent(current && current->position() == AVCaptureDevicePositionFront
+                                      ? DeviceOrientation::LandscapeRight
+                                      : DeviceOrientation::LandscapeLeft);
     engine->takeStillPicture();
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(5);
     while (!monitor->stillArrived() && Clock::now() < deadline)
