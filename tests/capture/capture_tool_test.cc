@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "../platform/capture/capture_test_support.h"
+#include "kwqimage/SyntheticCamera.h"
 #include "support/test_support.h"
 
 namespace kwq {
@@ -70,6 +71,102 @@ TEST(CaptureTool, ThreeHundredSyntheticFramesReportAStableCard) {
   EXPECT_NE(rows["card centre (px, y up)"], "-");
   // Progress lines (not a terminal: one a second) precede the table.
   EXPECT_NE(run.out.find("frames 300/300"), std::string::npos);
+  // The card's code is read live, by type.
+  EXPECT_EQ(rows["codes read"].rfind("PDF417 \"KWQIMAGE SYNTHETIC CARD 0001\" x", 0), 0u)
+      << rows["codes read"];
+  EXPECT_GT(std::stod(rows["code metadata /s"]), 10.0);
+  EXPECT_GT(std::stod(rows["metadata latency p95 ms"]), 0.0);
+}
+
+// The number after `"key":` in one line of JSON; NaN when absent or null.
+double jsonNumber(const std::string& line, const std::string& key) {
+  const size_t at = line.find("\"" + key + "\":");
+  if (at == std::string::npos) return NAN;
+  const char* start = line.c_str() + at + key.size() + 3;
+  char* end = nullptr;
+  const double value = std::strtod(start, &end);
+  return end == start ? NAN : value;
+}
+
+// The four numbers of `"key":[x,y,w,h]`; none when null.
+std::optional<Rect> jsonRect(const std::string& line, const std::string& key) {
+  const size_t at = line.find("\"" + key + "\":[");
+  if (at == std::string::npos) return std::nullopt;
+  double v[4];
+  if (std::sscanf(line.c_str() + at + key.size() + 4, "%lf,%lf,%lf,%lf", &v[0], &v[1], &v[2],
+                  &v[3]) != 4)
+    return std::nullopt;
+  return Rect{v[0], v[1], v[2], v[3]};
+}
+
+double iou(const Rect& a, const Rect& b) {
+  const Rect common = a.intersection(b);
+  if (common.isNull()) return 0.0;
+  const double inter = common.size.width * common.size.height;
+  return inter / (a.size.width * a.size.height + b.size.width * b.size.height - inter);
+}
+
+TEST(CaptureTool, FaceModeEventsFollowThePortraitAndJsonSummarises) {
+  const fs::path dir = fs::path(test::outputDir()) / "capture-tool-face";
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+  const std::string events = (dir / "events.jsonl").string();
+  const std::string preview = (dir / "preview.png").string();
+  const ToolRun run = kwq("capture --mode face --frames 240 --json --events " + events +
+                          " --preview " + preview + " --preview-size 320x240");
+  ASSERT_EQ(run.code, 0) << run.err;
+  // One JSON object on stdout, nothing else.
+  ASSERT_FALSE(run.out.empty());
+  EXPECT_EQ(run.out.front(), '{');
+  EXPECT_EQ(run.out.find('\n'), run.out.size() - 1);
+  EXPECT_EQ(jsonNumber(run.out, "frames"), 240);
+  EXPECT_NE(run.out.find("\"mode\":\"face\""), std::string::npos);
+  EXPECT_NE(run.out.find("\"codes\":[]"), std::string::npos) << "the portrait has no code";
+  const double faceFrames = jsonNumber(run.out, "face_frames");
+  EXPECT_GT(faceFrames, 0);
+  EXPECT_GT(jsonNumber(run.out, "face_metadata_per_s"), 0);
+
+  // Each delivered frame's face, in frame pixels, against the scene's truth for its number.
+  SyntheticCameraOptions options;
+  options.scene = SyntheticSceneKind::Portrait;
+  const auto camera = CaptureDevice::syntheticCamera(options);
+  const PixelBuffer pixels = PixelBuffer::allocate(kPixelFormat420f, 1280, 720);
+  std::ifstream lines(events);
+  int frames = 0, faces = 0, matched = 0, detectable = 0, found = 0;
+  for (std::string line; std::getline(lines, line); ++frames) {
+    EXPECT_EQ(jsonNumber(line, "frame"), frames);
+    const double index = jsonNumber(line, "source_frame");
+    ASSERT_FALSE(std::isnan(index)) << line;
+    const auto truth = syntheticFrameTruth(
+        *camera, SampleBuffer(pixels, MediaTime{static_cast<int64_t>(index), 30}));
+    ASSERT_TRUE(truth.has_value());
+    const auto face = jsonRect(line, "face_frame_px");
+    if (face) {
+      ++faces;
+      matched += truth->faceVisible && iou(*face, truth->faceBox) >= 0.4;
+      const double roll = jsonNumber(line, "roll");
+      EXPECT_EQ(std::fmod(roll, 30.0), 0.0) << line;
+    }
+    // Upright enough and large enough for the recogniser, and wholly in the picture.
+    if (truth->faceFullyVisible && truth->faceBox.size.width >= 200 &&
+        std::fabs(truth->faceRollDegrees) <= 20) {
+      ++detectable;
+      found += face.has_value();
+    }
+    EXPECT_EQ(line.find("\"card_rect\":null") != std::string::npos, true) << line;
+  }
+  std::printf("face mode: %d faces on %d frames, %d on the truth; %d of %d detectable found\n",
+              faces, frames, matched, found, detectable);
+  EXPECT_EQ(frames, 240);
+  EXPECT_EQ(faces, faceFrames);
+  ASSERT_GT(faces, 0);
+  EXPECT_GE(matched, faces * 9 / 10) << matched << " of " << faces << " faces on the truth";
+  ASSERT_GT(detectable, 20);
+  EXPECT_GE(found, detectable * 8 / 10) << found << " of " << detectable;
+
+  const Image view = Image::loadFile(preview);
+  EXPECT_EQ(view.width(), 320u);
+  EXPECT_EQ(view.height(), 240u);
 }
 
 TEST(CaptureTool, SnapshotRecordingFileCameraAndBadOptions) {

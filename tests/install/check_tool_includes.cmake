@@ -1,5 +1,5 @@
 # Fails when a source of the kwq tool includes anything but its own headers ("kwq/..."), the
-# installed headers (<kwqimage/...>), the standard library, CLI11 or GLib. The tool links the
+# installed headers (<kwqimage/...>), the standard library, CLI11, GLib or Qt. The tool links the
 # shared library with only include/ on its path, so a private header can only sneak in by a
 # relative path; this catches that too.
 #   cmake -DTOOLS_DIR=<source>/tools -P check_tool_includes.cmake
@@ -11,8 +11,10 @@ foreach(source IN LISTS sources)
     string(REGEX REPLACE "^[ \t]*#[ \t]*include[ \t]*" "" target "${line}")
     if(target MATCHES "^\"kwq/[^.][^\"]*\"$")
       continue()  # the tool's own headers
-    elseif(target MATCHES "^<kwqimage/[A-Za-z_]+\\.h>$" AND NOT target MATCHES "\\.\\.")
-      continue()
+    elseif(target MATCHES "^<kwqimage/(qt/)?[A-Za-z_]+\\.h>$" AND NOT target MATCHES "\\.\\.")
+      continue()  # the installed headers, the Qt component's among them
+    elseif(target MATCHES "^<Q[A-Za-z]+>$")
+      continue()  # Qt, for `kwq view`
     elseif(target MATCHES "^<(CLI/CLI\\.hpp|glib\\.h|unistd\\.h|[a-z_]+)>$")
       continue()  # CLI11, GLib's main loop, POSIX and the standard library
     endif()

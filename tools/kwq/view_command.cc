@@ -20,16 +20,16 @@
 #include <memory>
 #include <mutex>
 
-#include "kwqimage/CaptureDevice.h"
-#include "kwqimage/CaptureSession.h"
-#include "kwqimage/DispatchQueue.h"
-#include "kwqimage/Image.h"
-#include "kwqimage/KWQProgressCircleView.h"
-#include "kwqimage/KWQSimpleCaptureView.h"
-#include "kwqimage/KWQVideoHelper.h"
-#include "kwqimage/KWQVideoHelperDelegate.h"
-#include "kwqimage/View.h"
-#include "kwqimage/qt/KWQViewWidget.h"
+#include <kwqimage/CaptureDevice.h>
+#include <kwqimage/CaptureSession.h>
+#include <kwqimage/DispatchQueue.h>
+#include <kwqimage/Image.h>
+#include <kwqimage/KWQProgressCircleView.h>
+#include <kwqimage/KWQSimpleCaptureView.h>
+#include <kwqimage/KWQVideoHelper.h>
+#include <kwqimage/KWQVideoHelperDelegate.h>
+#include <kwqimage/View.h>
+#include <kwqimage/qt/KWQViewWidget.h>
 
 namespace kwq::tool {
 namespace {
