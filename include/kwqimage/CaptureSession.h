@@ -176,7 +176,9 @@ class KWQ_EXPORT VideoDataOutput : public CaptureOutput {
   std::shared_ptr<Impl> d_;
 };
 
-/// Full-resolution stills from the running session.
+/// Full-resolution stills from the running session: synthetic cameras draw the frame again
+/// 1920 pixels wide at the stream's aspect ratio (1920 x 1080 from 720p); webcams and video
+/// files give their stream frame.
 class KWQ_EXPORT StillImageOutput : public CaptureOutput {
  public:
   /// Receives the still, or an error text and a null sample.

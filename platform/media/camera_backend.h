@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "kwqimage/Geometry.h"
+#include "kwqimage/SampleBuffer.h"
 
 namespace kwq::platform {
 
@@ -79,6 +80,9 @@ class CameraBackend {
   /// A still is about to be taken: fire the flash if the controls ask for it. Returns the
   /// earliest time stamp (ns) of a frame that shows the flash, or -1 when any frame will do.
   virtual int64_t prepareStill(const CameraControls& controls) { return -1; }
+  /// The still of `streamFrame` at the camera's full resolution, in BGRA with the stream
+  /// frame's time stamps; the null sample when the camera takes stills at its stream size.
+  virtual SampleBuffer fullResolutionStill(const SampleBuffer& streamFrame) { return {}; }
 
   /// Set by the device before any source runs: call when a one-shot auto-focus pass is over
   /// (the device then reads locked). Called without any backend lock held.

@@ -366,7 +366,13 @@ void StillImageOutput::captureStillImageAsynchronouslyFromConnection(
       std::lock_guard lock(d->mutex);
       format = d->pixelFormat;
     }
-    const SampleBuffer still = platform::convertFrame(frame, format);
+    // A camera that takes larger stills draws this frame again at its full resolution.
+    SampleBuffer source = frame;
+    if (camera) {
+      SampleBuffer full = camera->impl()->backend->fullResolutionStill(frame);
+      if (!full.isNull()) source = std::move(full);
+    }
+    const SampleBuffer still = platform::convertFrame(source, format);
     if (still.isNull()) return fail("The frame could not be converted");
     handler(still, std::nullopt);
   });

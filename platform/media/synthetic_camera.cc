@@ -22,6 +22,7 @@ constexpr double kFocusingBlur = 2.0;
 constexpr double kOutOfFocusBlur = 3.0;
 constexpr double kFlashGain = 1.8;
 constexpr size_t kEffectsKept = 256;
+constexpr size_t kStillWidth = 1920;  // stills are this wide, at the stream's aspect ratio
 
 class SyntheticBackend final : public CameraBackend,
                                public std::enable_shared_from_this<SyntheticBackend> {
@@ -87,6 +88,30 @@ class SyntheticBackend final : public CameraBackend,
     // The flash lights the next frame rendered: its time stamp is its number / 30 s.
     return static_cast<int64_t>(
         gst_util_uint64_scale(nextFrameIndex_, GST_SECOND, kSyntheticFrameRate));
+  }
+
+  // The frame drawn again at the still size: the same picture, 1920 pixels wide at the
+  // stream's aspect ratio (the first still at a size draws the scene's textures, later ones
+  // reuse them). Any thread.
+  SampleBuffer fullResolutionStill(const SampleBuffer& streamFrame) override {
+    const auto index = syntheticFrameIndex(streamFrame);
+    const size_t w = streamFrame.imageBuffer().width(), h = streamFrame.imageBuffer().height();
+    if (!index || w == 0 || h == 0) return {};
+    const size_t width = kStillWidth;
+    const size_t height = std::max<size_t>(1, (h * kStillWidth + w / 2) / w);
+    if (height > SyntheticScene::kMaxSide) return {};
+    PixelBuffer pixels = PixelBuffer::allocate(kPixelFormatBGRA, width, height);
+    if (pixels.isNull() || !pixels.lockBaseAddress()) return {};
+    {
+      std::lock_guard lock(stillMutex_);
+      if (!stillScene_ || stillScene_->options().width != width ||
+          stillScene_->options().height != height)
+        stillScene_ = std::make_unique<SyntheticScene>(sceneOptions(width, height));
+      stillScene_->render(*index, effectsOf(*index).value_or(SyntheticCameraEffects{}),
+                          pixels.baseAddressOfPlane(0), pixels.bytesPerRowOfPlane(0));
+    }
+    pixels.unlockBaseAddress();
+    return SampleBuffer(pixels, streamFrame.presentationTimeStamp(), streamFrame.duration());
   }
 
   // Effects of frame `index`, advancing the simulated lens by one frame. Producer thread.
@@ -166,6 +191,8 @@ class SyntheticBackend final : public CameraBackend,
 
   std::mutex truthMutex_;
   std::unique_ptr<SyntheticScene> truthScene_;
+  std::mutex stillMutex_;
+  std::unique_ptr<SyntheticScene> stillScene_;
 };
 
 // One run: an appsrc fed by a producer thread that renders a frame every 1/30 s of real time.

@@ -91,8 +91,9 @@ TEST_F(StillToggleTest, StillsReachTheDelegateOnTheFrameQueueConvertedForTheirCa
   const Image back = still(backCatcher);
   ASSERT_FALSE(back.isNull());
   EXPECT_TRUE(backCatcher->onFrameQueue);
-  EXPECT_EQ(back.width(), 640u);
-  EXPECT_EQ(back.height(), 480u);
+  // Synthetic stills are drawn 1920 wide at the stream's 4:3.
+  EXPECT_EQ(back.width(), 1920u);
+  EXPECT_EQ(back.height(), 1440u);
 
   start(AVCaptureDevicePositionFront);
   auto frontCatcher = std::make_shared<StillCatcher>();

@@ -1,4 +1,5 @@
 #include <cmath>
+#include <cstring>
 #include <fstream>
 #include <thread>
 
@@ -6,8 +7,10 @@
 
 #include "capture_test_support.h"
 #include "kwqimage/CaptureSession.h"
+#include "kwqimage/SyntheticCamera.h"
 #include "platform/media/capture_internal.h"
 #include "platform/media/synthetic_camera.h"
+#include "platform/media/synthetic_scene.h"
 #include "support/main_loop.h"
 #include "support/test_support.h"
 
@@ -340,8 +343,27 @@ TEST(CaptureSessionTest, StillsInBGRAWithFlashAndErrors) {
   auto plain = capture(connection);
   ASSERT_FALSE(plain->error.has_value()) << *plain->error;
   EXPECT_EQ(plain->sample.imageBuffer().pixelFormat(), kPixelFormatBGRA);
-  EXPECT_EQ(plain->sample.imageBuffer().width(), 640u);
-  EXPECT_EQ(platform::syntheticFrameEffects(*camera, plain->sample)->lightGain, 1.0);
+  // The frame drawn again at the still size: 1920 wide at the stream's 4:3, the very picture
+  // the scene gives for that frame number and its effects.
+  const PixelBuffer& pixels = plain->sample.imageBuffer();
+  ASSERT_EQ(pixels.width(), 1920u);
+  ASSERT_EQ(pixels.height(), 1440u);
+  const auto effects = platform::syntheticFrameEffects(*camera, plain->sample);
+  ASSERT_TRUE(effects.has_value());
+  EXPECT_EQ(effects->lightGain, 1.0);
+  platform::SyntheticSceneOptions sceneOptions;
+  sceneOptions.width = 1920;
+  sceneOptions.height = 1440;
+  platform::SyntheticScene scene(sceneOptions);
+  std::vector<uint8_t> expected(1920 * 1440 * 4);
+  scene.render(*syntheticFrameIndex(plain->sample), *effects, expected.data(), 1920 * 4);
+  ASSERT_TRUE(pixels.lockBaseAddress(kPixelBufferLockReadOnly));
+  size_t differing = 0;
+  for (size_t y = 0; y < 1440; ++y)
+    differing += std::memcmp(pixels.baseAddressOfPlane(0) + y * pixels.bytesPerRowOfPlane(0),
+                             expected.data() + y * 1920 * 4, 1920 * 4) != 0;
+  pixels.unlockBaseAddress(kPixelBufferLockReadOnly);
+  EXPECT_EQ(differing, 0u);
 
   ASSERT_TRUE(camera->lockForConfiguration());
   camera->setFlashMode(AVCaptureFlashModeOn);
