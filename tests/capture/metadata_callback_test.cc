@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include "../platform/ui/render_test_support.h"
 #include "kwqimage/KWQVideoHelper.h"
+#include "kwqimage/Render.h"
 #include "support/main_loop.h"
 
 namespace kwq {
@@ -291,6 +293,43 @@ TEST_F(MetadataCallbackTest, CodeTextOutlineAndRectangleFromCornersAsTheyStand) 
   EXPECT_EQ(engine->parsedData(), "d");
   EXPECT_EQ(engine->barcodeRect(), (Rect{0, 5, 5, -5}));
   EXPECT_EQ(line->path(), before);
+}
+
+TEST_F(MetadataCallbackTest, OverlaysRenderWhereTheMetadataPutsThem) {
+  // A host's view of the preview at the preview's own size, with the centre box and an
+  // outline layer of its own.
+  const auto view = engine->getPreviewView({0, 0, 1024, 512}, true);
+  auto line = ShapeLayer::layer();
+  line->setFillColor(std::nullopt);
+  line->setStrokeColor(Color::blueColor());
+  line->setLineWidth(2.0);
+  engine->previewLayer()->addSublayer(line);
+  engine->setBarcodeLineLayer(line);
+  engine->setMinHeadSize(10, 1000);
+  deliver({face({0.25, 0.25, 0.25, 0.25}),
+           code("c", {{600, 400}, {900, 400}, {900, 300}, {600, 300}})});
+  drainMainContext();
+  const Image picture = renderView(*view, {1024, 512}, currentMediaTime());
+  ASSERT_FALSE(picture.isNull());
+  test::savePng(picture, "metadata_overlays");
+  using test::Pixel;
+  const Pixel yellow{225, 201, 14, 255}, green{0, 255, 0, 255}, blue{0, 0, 255, 255};
+  // The face box: a one-point border inside R = (256, 128, 256, 128).
+  EXPECT_TRUE(test::near(test::pixelAt(picture, 384, 128), yellow))
+      << test::pixelAt(picture, 384, 128);
+  EXPECT_TRUE(test::near(test::pixelAt(picture, 256, 192), yellow));
+  EXPECT_TRUE(test::near(test::pixelAt(picture, 511, 192), yellow));
+  EXPECT_FALSE(test::near(test::pixelAt(picture, 384, 192), yellow)) << "only the border";
+  // The centre box: three points of green inside (30, 50, 964, 412).
+  EXPECT_TRUE(test::near(test::pixelAt(picture, 31, 300), green));
+  EXPECT_TRUE(test::near(test::pixelAt(picture, 500, 461), green));
+  EXPECT_FALSE(test::near(test::pixelAt(picture, 34, 300), green));
+  // The code's outline along its corners.
+  EXPECT_TRUE(test::near(test::pixelAt(picture, 750, 300), blue))
+      << test::pixelAt(picture, 750, 300);
+  EXPECT_TRUE(test::near(test::pixelAt(picture, 600, 350), blue));
+  EXPECT_TRUE(test::near(test::pixelAt(picture, 900, 350), blue));
+  EXPECT_FALSE(test::near(test::pixelAt(picture, 750, 350), blue));
 }
 
 TEST(PointFromArray, ReadsTheEntryOrZeroPastTheEnd) {
