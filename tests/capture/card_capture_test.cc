@@ -1,0 +1,140 @@
+#include "capture/card_capture.h"
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "capture/card_detection.h"
+#include "kwqimage/CaptureSession.h"
+#include "platform/media/synthetic_card.h"
+#include "platform/media/synthetic_scene.h"
+#include "platform/vision/code_reader.h"
+#include "support/code_scenes.h"
+#include "support/test_support.h"
+
+namespace kwq {
+namespace {
+
+using platform::SyntheticScene;
+using platform::SyntheticSceneOptions;
+
+struct Shot {
+  SampleBuffer frame;
+  SyntheticFrameTruth truth;
+};
+
+Shot shoot(SyntheticScene& scene, uint64_t index, uint32_t format = kPixelFormat420f) {
+  const auto& o = scene.options();
+  cv::Mat bgra(static_cast<int>(o.height), static_cast<int>(o.width), CV_8UC4);
+  Shot s;
+  s.truth = scene.render(index, {}, bgra.data, bgra.step[0]);
+  s.frame =
+      SampleBuffer(test::frameFromBgra(bgra, format), MediaTime{static_cast<int64_t>(index), 30});
+  return s;
+}
+
+double cornerError(const std::array<Point, 4>& a, const std::array<Point, 4>& b) {
+  double sum = 0;
+  for (size_t i = 0; i < 4; ++i) sum += std::hypot(a[i].x - b[i].x, a[i].y - b[i].y);
+  return sum / 4;
+}
+
+TEST(CardCapture, FlattenedCardMatchesTheTruthAndReadsItsCode) {
+  // Frames over the card's whole path at 1280 x 720, square-on and tilted, in 420f and BGRA.
+  SyntheticScene scene({});
+  const auto detector = makeCardRectangleDetector();
+  const std::vector<std::string> pdf417{std::string(AVMetadataObjectTypePDF417Code)};
+  double errorSum = 0;
+  int measured = 0, read = 0;
+  for (uint64_t index = 0; index < 1800; index += 45) {
+    const uint32_t format = index % 90 == 0 ? kPixelFormat420f : kPixelFormatBGRA;
+    const Shot s = shoot(scene, index, format);
+    if (!s.truth.cardFullyVisible) continue;
+    const auto features = detector->featuresInImage(s.frame);
+    ASSERT_FALSE(features.empty()) << index;
+    CardCapture c = analyseCard(s.frame, &features[0], true, std::nullopt, {});
+    ASSERT_FALSE(c.card.isNull()) << index;
+    const double error = cornerError(c.corners, s.truth.cardCorners);
+    EXPECT_LT(error, 2.0) << index;
+    errorSum += error;
+    ++measured;
+    EXPECT_EQ(c.card.width(), 1000u);
+    EXPECT_NEAR(static_cast<double>(c.card.width()) / c.card.height(), 86.0 / 54.0,
+                0.01 * 86.0 / 54.0);
+    // The flattened card alone carries a readable code, with the scene's text.
+    const auto codes = platform::readCodes(c.card, pdf417);
+    if (!codes.empty()) {
+      const auto* code = dynamic_cast<const MetadataMachineReadableCodeObject*>(codes[0].get());
+      ASSERT_NE(code, nullptr);
+      EXPECT_EQ(code->stringValue, s.truth.codeText);
+      ++read;
+    }
+    if (index == 0 || index == 495)
+      c.card.writePNG(test::outputDir() + "/card_capture_" + std::to_string(index) + ".png");
+  }
+  ASSERT_GE(measured, 25);
+  const double mean = errorSum / measured;
+  EXPECT_LE(mean, 1.0);
+  EXPECT_EQ(read, measured);
+  RecordProperty("mean_corner_error_px", std::to_string(mean));
+  std::printf("corner error over %d frames: mean %.3f px; code read on %d\n", measured, mean, read);
+}
+
+// The card square-on, `widthShare` of a 1280 x 960 frame wide, sampled from a fine drawing
+// the way a sensor would (area averaging), over the desk, then blurred by `blur` pixels.
+Shot placedCard(const platform::CardTexture& texture, double widthShare, double blur) {
+  static SyntheticScene desk(
+      SyntheticSceneOptions{.width = 1280, .height = 960, .showCard = false});
+  Shot s = shoot(desk, 0, kPixelFormatBGRA);
+  cv::Mat bgra(960, 1280, CV_8UC4);
+  desk.render(0, {}, bgra.data, bgra.step[0]);
+  const int w = static_cast<int>(std::lround(1280 * widthShare));
+  const int h = static_cast<int>(std::lround(w * 54.0 / 86.0));
+  cv::Mat card;
+  cv::resize(texture.levels.front(), card, cv::Size(w, h), 0, 0, cv::INTER_AREA);
+  const int x = (1280 - w) / 2, y = (960 - h) / 2;
+  card.copyTo(bgra(cv::Rect(x, y, w, h)));
+  if (blur > 0) cv::GaussianBlur(bgra, bgra, cv::Size(), blur);
+  s.frame = SampleBuffer(test::frameFromBgra(bgra, kPixelFormat420f), MediaTime{0, 30});
+  s.truth.cardCorners = {Point{1.0 * x, 1.0 * y}, Point{1.0 * x + w, 1.0 * y},
+                         Point{1.0 * x + w, 1.0 * y + h}, Point{1.0 * x, 1.0 * y + h}};
+  return s;
+}
+
+platform::RectangleFeature featureOf(const std::array<Point, 4>& c, double height) {
+  auto up = [height](Point p) { return Point{p.x, height - p.y}; };
+  return {up(c[0]), up(c[1]), up(c[3]), up(c[2]), {}};
+}
+
+TEST(CardCapture, SharpnessFallsWithBlurAndKeepsAcrossCardSizes) {
+  const platform::CardTexture texture =
+      platform::makeCardTexture("KWQIMAGE SYNTHETIC CARD 0001", 24.0);
+  std::vector<double> bySize;
+  for (double share : {0.3, 0.45, 0.6, 0.75, 0.9}) {
+    const Shot s = placedCard(texture, share, 0.0);
+    const auto f = featureOf(s.truth.cardCorners, 960);
+    const CardCapture c = analyseCard(s.frame, &f, true, std::nullopt, {});
+    bySize.push_back(c.sharpness);
+  }
+  for (double v : bySize) {
+    EXPECT_NEAR(v, bySize[2], 0.05 * bySize[2]) << ::testing::PrintToString(bySize);
+    std::printf("sharpness %.2f\n", v);
+  }
+
+  double previous = INFINITY;
+  for (double blur : {0.0, 0.5, 1.0, 1.5, 2.0, 3.0, 4.0, 6.0}) {
+    const Shot s = placedCard(texture, 0.45, blur);
+    const auto f = featureOf(s.truth.cardCorners, 960);
+    const CardCapture c = analyseCard(s.frame, &f, true, std::nullopt, {});
+    EXPECT_LT(c.sharpness, previous) << blur;
+    std::printf("blur %.1f sharpness %.2f guidance %s\n", blur, c.sharpness,
+                cardGuidanceName(c.guidance));
+    previous = c.sharpness;
+  }
+}
+
+}  // namespace
+}  // namespace kwq
