@@ -7,12 +7,14 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
+#include "capture/KWQVideoHelperState.h"
 #include "capture/card_detection.h"
 #include "kwqimage/CaptureSession.h"
 #include "platform/media/synthetic_card.h"
 #include "platform/media/synthetic_scene.h"
 #include "platform/vision/code_reader.h"
 #include "support/code_scenes.h"
+#include "support/main_loop.h"
 #include "support/test_support.h"
 
 namespace kwq {
@@ -134,6 +136,108 @@ TEST(CardCapture, SharpnessFallsWithBlurAndKeepsAcrossCardSizes) {
                 cardGuidanceName(c.guidance));
     previous = c.sharpness;
   }
+}
+
+// A host that takes card captures, and optionally the frame call too.
+class CardHost : public KWQCardCaptureDelegate {
+ public:
+  void cardCaptureDidUpdate(const CardCapture& live, const CardCapture& best) override {
+    lives.push_back(live);
+    bests.push_back(best);
+  }
+  std::vector<CardCapture> lives, bests;
+};
+class CardAndFrameHost : public CardHost, public KWQFrameDelegate {
+ public:
+  void getLastSampleBuffer(const SampleBuffer&, Rect rect, double, double,
+                           const std::optional<std::string>&) override {
+    frameCalls.push_back(rect);
+  }
+  std::vector<Rect> frameCalls;
+};
+
+class CardCaptureEngineTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    CaptureDevice::setDevices({CaptureDevice::syntheticCamera({})});
+    engine = KWQVideoHelper::create();
+    engine->setShouldDetectCardRect(true);
+  }
+  void TearDown() override {
+    test::drainMainContext();
+    CaptureDevice::resetDevices();
+  }
+  void feed(const SampleBuffer& sample) {
+    engine->captureOutput(*engine->videoDataOutput(), sample, *engine->state().captureConnection);
+  }
+  std::shared_ptr<KWQVideoHelper> engine;
+};
+
+TEST_F(CardCaptureEngineTest, GuidanceFollowsTheCardAndTheBestCaptureCarriesItsData) {
+  auto host = std::make_shared<CardAndFrameHost>();
+  engine->setDelegate(host);
+  SyntheticScene empty({.showCard = false});
+  feed(shoot(empty, 0).frame);
+  SyntheticScene scene({});
+  std::vector<SyntheticFrameTruth> truths;
+  for (uint64_t i = 1; i <= 12; ++i) {
+    const Shot s = shoot(scene, i);
+    truths.push_back(s.truth);
+    feed(s.frame);
+  }
+  ASSERT_EQ(host->lives.size(), 13u);
+  EXPECT_EQ(host->lives[0].guidance, CardGuidance::NoCard);
+  EXPECT_TRUE(host->lives[0].card.isNull());
+  EXPECT_EQ(host->bests[0].guidance, CardGuidance::NoCard);
+  // Five accepted frames before the stable one: hold still, and no flattening yet.
+  for (size_t i = 1; i <= 5; ++i) {
+    EXPECT_EQ(host->lives[i].guidance, CardGuidance::HoldStill) << i;
+    EXPECT_TRUE(host->lives[i].card.isNull()) << i;
+    EXPECT_LT(cornerError(host->lives[i].corners, truths[i - 1].cardCorners), 1.0) << i;
+  }
+  for (size_t i = 6; i <= 12; ++i) {
+    const CardCapture& live = host->lives[i];
+    EXPECT_EQ(live.guidance, CardGuidance::Ok)
+        << i << ": " << ::testing::PrintToString(live.reasons);
+    EXPECT_FALSE(live.card.isNull()) << i;
+    EXPECT_EQ(live.codeText, truths[i - 1].codeText) << i;
+    EXPECT_EQ(live.time, static_cast<double>(i) / 30) << i;
+    const CardCapture& best = host->bests[i];
+    EXPECT_FALSE(best.card.isNull());
+    EXPECT_EQ(best.codeText, truths[i - 1].codeText);
+    // The best is the sharpest so far.
+    for (size_t j = 6; j <= i; ++j) EXPECT_GE(best.sharpness, host->lives[j].sharpness);
+  }
+  // The frame call is unchanged: the stable-card marker on the stable frames only.
+  EXPECT_EQ(host->frameCalls, std::vector<Rect>(7, kStableCardMarker));
+}
+
+TEST_F(CardCaptureEngineTest, HostsWithoutTheInterfacePayNothingAndFaceModeHasNoCaptures) {
+  // A frame-only host: no card is flattened (the keeper stays empty).
+  class FrameOnly : public KWQFrameDelegate {
+   public:
+    void getLastSampleBuffer(const SampleBuffer&, Rect, double, double,
+                             const std::optional<std::string>&) override {}
+  };
+  const auto frameOnly = std::make_shared<FrameOnly>();  // the engine holds it weakly
+  engine->setDelegate(frameOnly);
+  SyntheticScene scene({});
+  for (uint64_t i = 0; i < 8; ++i) feed(shoot(scene, i).frame);
+  EXPECT_EQ(engine->consecutiveDetectionFrames(), 8);
+  EXPECT_EQ(engine->state().cardCaptureFrames, 0u);
+  EXPECT_TRUE(engine->state().cardKeeper.best().card.isNull());
+
+  // A card host in face mode hears nothing; in card mode it is called on every frame.
+  auto host = std::make_shared<CardHost>();
+  engine->setDelegate(host);
+  engine->setShouldDetectCardRect(false);
+  feed(shoot(scene, 8).frame);
+  EXPECT_TRUE(host->lives.empty());
+  engine->setShouldDetectCardRect(true);
+  feed(shoot(scene, 9).frame);
+  ASSERT_EQ(host->lives.size(), 1u);
+  EXPECT_EQ(host->lives[0].guidance, CardGuidance::Ok)  // the run of accepted frames went on
+      << ::testing::PrintToString(host->lives[0].reasons);
 }
 
 }  // namespace
