@@ -18,6 +18,7 @@
 #include <kwqimage/KWQVideoHelper.h>
 #include <kwqimage/SyntheticCamera.h>
 
+#include "kwq/card_output.h"
 #include "kwq/table.h"
 
 namespace kwq::tool {
@@ -230,6 +231,7 @@ std::string progressLine(const CaptureMonitor& monitor, const KWQVideoHelper& en
 
 struct Loop {
   const CaptureOptions* options = nullptr;
+  const CardOutput* card = nullptr;  // with card captures: the live guidance word
   const CaptureMonitor* monitor = nullptr;
   const KWQVideoHelper* engine = nullptr;
   std::ostream* out = nullptr;
@@ -260,8 +262,9 @@ gboolean onTick(gpointer data) {
 
   const bool live = loop.options->liveProgress;
   if (live || loop.done || now - loop.lastPrint >= std::chrono::seconds(1)) {
-    const std::string line =
+    std::string line =
         progressLine(*loop.monitor, *loop.engine, *loop.options, loop.synthetic, loop.start);
+    if (loop.card) line += "  guidance " + loop.card->guidance();
     if (live) {
       *loop.out << '\r' << line
                 << std::string(loop.lastWidth > line.size() ? loop.lastWidth - line.size() : 0,
@@ -296,6 +299,10 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
       return 2;
     }
   }
+  if (!options.outDir.empty() && !options.cardMode) {
+    err << "kwq capture: --out writes the captured card; it needs card mode\n";
+    return 2;
+  }
   std::shared_ptr<CaptureDevice> camera = chooseCamera(options.camera, err);
   if (!camera) return 2;
   // Synthetic cameras film the card; face mode films the portrait instead.
@@ -312,7 +319,15 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
   engine->setShouldDetectCardRect(options.cardMode);
   engine->setRecordCameraData(options.record);
   auto monitor = std::make_shared<CaptureMonitor>(engine, options.cardMode, options.frames);
-  engine->setDelegate(monitor);
+  // Card captures (--out, or the per-frame analysis beside a recording) put the card output
+  // in front of the monitor as the engine's delegate.
+  std::shared_ptr<CardOutput> card;
+  if (options.cardMode && (!options.outDir.empty() || options.record))
+    card = std::make_shared<CardOutput>(monitor, options.record);
+  if (card)
+    engine->setDelegate(card);
+  else
+    engine->setDelegate(monitor);
   const auto output = engine->videoDataOutput();
   const auto frameQueue = output->sampleBufferCallbackQueue();
   output->setSampleBufferDelegate(monitor, frameQueue);
@@ -324,6 +339,7 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
   Loop loop;
   loop.options = &options;
   loop.monitor = monitor.get();
+  loop.card = card.get();
   loop.engine = engine.get();
   loop.out = &out;
   loop.synthetic = isSyntheticCamera(*camera);
@@ -378,6 +394,10 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
         if (!moviesBefore.count(movie)) saved = movie;
     }
     table.addRow({"movie", saved.empty() ? std::string("-") : saved});
+    if (card && !saved.empty()) {
+      const std::string sidecar = fs::path(saved).replace_extension(".frames.jsonl").string();
+      if (card->writeFrames(sidecar, err)) table.addRow({"frame analysis", sidecar});
+    }
     if (saved.empty()) {
       err << "kwq capture: no movie was saved to " << pictures << '\n';
       status = 1;
@@ -393,6 +413,11 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
       err << "kwq capture: the card never became stable; no snapshot written\n";
     }
     table.addRow({"snapshot", written ? options.snapshot : std::string("-")});
+    if (!written) status = 1;
+  }
+  if (card && !options.outDir.empty()) {
+    const bool written = card->write(options.outDir, err);
+    table.addRow({"card", written ? options.outDir + "/card.png" : std::string("-")});
     if (!written) status = 1;
   }
   table.print(out);

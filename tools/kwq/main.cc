@@ -36,6 +36,8 @@ int main(int argc, char** argv) {
                            "about 55 MB a second at 1280x720)");
   captureCommand->add_option("--snapshot", capture.snapshot,
                              "Save the frame on which the card first became stable (PNG)");
+  captureCommand->add_option("--out", capture.outDir,
+                             "Write the best captured card to DIR/card.png and DIR/card.json");
 
   std::vector<std::string> qualityFiles;
   CLI::App* quality = app.add_subcommand(
