@@ -54,6 +54,11 @@ struct SyntheticFrameTruth {
   std::string codeText;
   /// Angle between the card's normal and the camera's axis in degrees (0: square-on).
   double cardTiltDegrees = 0.0;
+  /// A specular highlight shines on the card (glareProbability): its centre and the radius
+  /// within which it saturates the picture, in pixels.
+  bool glareVisible = false;
+  Point glareCentre;
+  double glareRadius = 0.0;
 
   // The portrait scene. Without the photograph every face field keeps its default.
 

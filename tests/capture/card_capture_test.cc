@@ -192,6 +192,50 @@ TEST(CardCapture, SyntheticAAMVARecordParsesAndItsReadRateIsMeasured) {
   }
 }
 
+TEST(CardCapture, GlareVerdictMatchesTheHotspotsOnSyntheticFrames) {
+  // Half the frames carry a hotspot; exposure drifts by a quarter either way, so bright card
+  // stock must not pass for glare.
+  SyntheticScene scene({.exposureDrift = 0.25, .glareProbability = 0.5, .seed = 3});
+  const auto detector = makeCardRectangleDetector();
+  int truePositive = 0, falsePositive = 0, falseNegative = 0, trueNegative = 0;
+  for (uint64_t i = 0; i < 1800; i += 20) {
+    const Shot s = shoot(scene, i);
+    if (!s.truth.cardFullyVisible) continue;
+    const auto f = detector->featuresInImage(s.frame);
+    if (f.empty()) continue;
+    const CardCapture c = analyseCard(s.frame, &f[0], true, std::nullopt, {});
+    const bool said = c.glare.areaFraction > CardCaptureSettings{}.maxGlareFraction;
+    EXPECT_EQ(said, c.guidance == CardGuidance::Glare) << i;
+    if (said && s.truth.glareVisible) {
+      ++truePositive;
+      // The highlight's centre, taken back into the frame, lies on the hotspot.
+      const double u = c.glare.centre.x / c.card.width(), v = c.glare.centre.y / c.card.height();
+      const auto& k = c.corners;
+      const double x =
+          (1 - v) * ((1 - u) * k[0].x + u * k[1].x) + v * ((1 - u) * k[3].x + u * k[2].x);
+      const double y =
+          (1 - v) * ((1 - u) * k[0].y + u * k[1].y) + v * ((1 - u) * k[3].y + u * k[2].y);
+      EXPECT_LT(std::hypot(x - s.truth.glareCentre.x, y - s.truth.glareCentre.y),
+                s.truth.glareRadius)
+          << i;
+    }
+    falsePositive += said && !s.truth.glareVisible;
+    falseNegative += !said && s.truth.glareVisible;
+    trueNegative += !said && !s.truth.glareVisible;
+    if (said && truePositive == 1) c.card.writePNG(test::outputDir() + "/card_capture_glare.png");
+  }
+  const double precision = truePositive / std::max(1.0, 1.0 * (truePositive + falsePositive));
+  const double recall = truePositive / std::max(1.0, 1.0 * (truePositive + falseNegative));
+  std::printf(
+      "glare: %d true, %d false positives, %d missed, %d true negatives; precision %.3f "
+      "recall %.3f\n",
+      truePositive, falsePositive, falseNegative, trueNegative, precision, recall);
+  EXPECT_GE(truePositive, 20);
+  EXPECT_GE(trueNegative, 20);
+  EXPECT_GE(precision, 0.95);
+  EXPECT_GE(recall, 0.95);
+}
+
 // A host that takes card captures, and optionally the frame call too.
 class CardHost : public KWQCardCaptureDelegate {
  public:
