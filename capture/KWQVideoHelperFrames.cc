@@ -68,11 +68,13 @@ void KWQVideoHelper::captureOutput(VideoDataOutput&, const SampleBuffer& sampleB
       }
     }
 
-    // 5. The delegate's frame call, when it takes one. Detection lives inside this branch: a
-    // host without a frame callback pays nothing for card mode.
+    // 5. The delegate's frame call and card capture, when it takes them. Detection lives
+    // inside this branch: a host without either callback pays nothing for card mode, and only
+    // a host that takes card captures pays for flattening and measuring the card.
     const std::shared_ptr<KWQVideoHelperDelegate> delegate = d.get(&State::delegate).lock();
     auto* frameDelegate = dynamic_cast<KWQFrameDelegate*>(delegate.get());
-    if (!frameDelegate) return;
+    auto* cardDelegate = cardMode ? dynamic_cast<KWQCardCaptureDelegate*>(delegate.get()) : nullptr;
+    if (!frameDelegate && !cardDelegate) return;
 
     if (cardMode) {
       // Only this queue makes the detector, once; it is kept for the engine's life.
@@ -87,12 +89,25 @@ void KWQVideoHelper::captureOutput(VideoDataOutput&, const SampleBuffer& sampleB
       const auto features = detector ? detector->featuresInImage(sampleBuffer)
                                      : std::vector<platform::RectangleFeature>{};
       Rect card;
+      int32_t accepted = 0;
       {
         std::lock_guard lock(d.mutex);
         performRectangleDetection(d.card, features);
         card = d.card.cardRect;
+        accepted = d.card.consecutiveDetectionFrames;
       }
-      if (card == Rect::zero()) return;
+      if (cardDelegate) {
+        // The detector reports one feature; a positive count after this frame's step means it
+        // was accepted as a card.
+        const platform::RectangleFeature* seen =
+            !features.empty() && accepted > 0 ? &features.front() : nullptr;
+        const CardCaptureSettings settings = cardDelegate->cardCaptureSettings();
+        CardCapture live = analyseCard(sampleBuffer, seen, seen && card != Rect::zero(),
+                                       d.get(&State::parsedData), settings);
+        const CardCapture& best = d.cardKeeper.offer(live, d.cardCaptureFrames++, settings);
+        cardDelegate->cardCaptureDidUpdate(live, best);
+      }
+      if (card == Rect::zero() || !frameDelegate) return;
       frameDelegate->getLastSampleBuffer(sampleBuffer, card, d.yawAngle, d.rollAngle,
                                          d.get(&State::parsedData));
     } else {

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "capture/card_capture.h"
 #include "capture/card_detection.h"
 #include "kwqimage/DispatchQueue.h"
 #include "kwqimage/KWQVideoHelper.h"
@@ -42,6 +43,10 @@ struct KWQVideoHelper::State {
   std::atomic<double> maxHeadSize{0.0};
   std::atomic<double> rollAngle{0.0};
   std::atomic<double> yawAngle{0.0};
+
+  // Only the video queue touches these: the best card capture and the frames it has counted.
+  CardCaptureKeeper cardKeeper;
+  uint64_t cardCaptureFrames = 0;
 
   mutable std::mutex mutex;  // guards the fields below
   Rect faceRect;

@@ -91,6 +91,9 @@ struct SyntheticCameraOptions {
   double noiseSigma = 0.0;
   /// Slow brightness drift as a fraction of the exposure (0: steady).
   double exposureDrift = 0.0;
+  /// Share of frames (0..1, chosen per frame from the seed) on which a specular highlight
+  /// shines on the card: a saturated hotspot about an eighth of the card's width across.
+  double glareProbability = 0.0;
   /// Seeds texture, noise and motion.
   uint64_t seed = 1;
 

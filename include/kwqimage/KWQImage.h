@@ -17,9 +17,11 @@
 #include "kwqimage/SampleBuffer.h"
 
 // The capture engine, its capture layer, layers and queues.
+#include "kwqimage/AAMVA.h"
 #include "kwqimage/CaptureDevice.h"
 #include "kwqimage/CaptureSession.h"
 #include "kwqimage/DispatchQueue.h"
+#include "kwqimage/KWQCardCapture.h"
 #include "kwqimage/KWQVideoHelper.h"
 #include "kwqimage/KWQVideoHelperDelegate.h"
 #include "kwqimage/Layer.h"

@@ -207,6 +207,20 @@ SyntheticFrameTruth SyntheticScene::truth(uint64_t frameIndex) const {
   truth.cardFullyVisible = std::all_of(card.begin(), card.end(), [&](const cv::Point2d& p) {
     return p.x >= 0.0 && p.x <= w && p.y >= 0.0 && p.y <= h;
   });
+  const double glareChance = std::clamp(finiteOr(d.options.glareProbability, 0.0), 0.0, 1.0);
+  if (glareChance > 0.0) {
+    const uint64_t key = mixBits(d.options.seed ^ mixBits(frameIndex * 0x9E3779B97F4A7C15ull + 7));
+    if (static_cast<double>(key % 1000000) / 1000000.0 < glareChance) {
+      // Somewhere on the card's middle (15..85 % across, 20..80 % down), in card millimetres.
+      const double u = 0.15 + 0.7 * static_cast<double>((key >> 20) % 1024) / 1023.0;
+      const double v = 0.2 + 0.6 * static_cast<double>((key >> 30) % 1024) / 1023.0;
+      const cv::Point2d c = project(view.cardToPicture, {u * kCardWidthMm, v * kCardHeightMm});
+      const double width = cv::norm(card[1] - card[0]);
+      truth.glareCentre = {c.x, c.y};
+      truth.glareRadius = width / 16.0;
+      truth.glareVisible = c.x >= 0.0 && c.x <= w && c.y >= 0.0 && c.y <= h;
+    }
+  }
   if (d.codeMm.area() > 0.0) {
     const Quad code = d.corners(view, d.codeMm);
     for (int i = 0; i < 4; ++i) truth.codeCorners[i] = {code[i].x, code[i].y};
@@ -327,7 +341,6 @@ SyntheticFrameTruth SyntheticScene::render(uint64_t frameIndex,
       const Quad q = d.corners(view, {0.0, 0.0, kCardWidthMm, kCardHeightMm});
       d.drawCard(view, q, out);
     }
-
     auto sigma = [](double s) { return std::isfinite(s) && s > 0.0 ? s : 0.0; };
     const double blur = std::min(
         kMaxBlurSigma, std::hypot(sigma(d.options.blurSigma), sigma(effects.defocusSigma)));
@@ -341,6 +354,27 @@ SyntheticFrameTruth SyntheticScene::render(uint64_t frameIndex,
     if (std::abs(gain - 1.0) > 1e-9) {
       out.convertTo(out, -1, gain);
       out |= cv::Scalar(0, 0, 0, 255);  // alpha scaled with the rest; opaque again
+    }
+
+    if (truth.glareRadius > 0.0) {
+      // Specular light, far brighter than the card's own: added after the exposure, so it
+      // saturates whatever the light; a Gaussian fall-off beyond the radius. (Not blurred.)
+      const double r = truth.glareRadius, sigma = 0.6 * r;
+      const cv::Point2d c(truth.glareCentre.x, truth.glareCentre.y);
+      const int y0 = std::max(0, static_cast<int>(c.y - 4 * r)),
+                y1 = std::min(out.rows, static_cast<int>(c.y + 4 * r) + 1);
+      const int x0 = std::max(0, static_cast<int>(c.x - 4 * r)),
+                x1 = std::min(out.cols, static_cast<int>(c.x + 4 * r) + 1);
+      for (int y = y0; y < y1; ++y) {
+        uint8_t* p = out.ptr<uint8_t>(y);
+        for (int x = x0; x < x1; ++x) {
+          const double dist = std::hypot(x + 0.5 - c.x, y + 0.5 - c.y);
+          const double add =
+              dist <= r ? 255.0 : 255.0 * std::exp(-(dist - r) * (dist - r) / (2 * sigma * sigma));
+          for (int k = 0; k < 3; ++k)
+            p[4 * x + k] = static_cast<uint8_t>(std::min(255.0, p[4 * x + k] + add));
+        }
+      }
     }
 
     if (!d.noiseUp.empty()) d.addNoise(frameIndex, out);

@@ -34,6 +34,11 @@ struct SyntheticSceneOptions {
   double noiseSigma = 0.0;
   /// Amplitude of a slow brightness drift as a fraction of the exposure (0: steady).
   double exposureDrift = 0.0;
+  /// Share of frames with a specular highlight on the card (0..1; chosen per frame from the
+  /// seed): a hotspot that saturates a disc of radius 1/16 of the card's width and fades
+  /// beyond it, somewhere on the card's middle. Drawn after blur and light (it saturates at any
+  /// exposure), before noise.
+  double glareProbability = 0.0;
   /// Seeds the background texture, the noise and the motion path.
   uint64_t seed = 1;
 };

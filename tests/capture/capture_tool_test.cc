@@ -16,6 +16,7 @@
 
 #include "../platform/capture/capture_test_support.h"
 #include "kwqimage/SyntheticCamera.h"
+#include "platform/vision/code_reader.h"
 #include "support/test_support.h"
 
 namespace kwq {
@@ -167,6 +168,31 @@ TEST(CaptureTool, FaceModeEventsFollowThePortraitAndJsonSummarises) {
   const Image view = Image::loadFile(preview);
   EXPECT_EQ(view.width(), 320u);
   EXPECT_EQ(view.height(), 240u);
+}
+
+TEST(CaptureTool, OutWritesTheBestCardWhoseCodeReadsFromThePictureAlone) {
+  const std::string dir = test::outputDir() + "/kwq-card-out";
+  fs::remove_all(dir);
+  const ToolRun run = kwq("capture --frames 60 --out " + dir);
+  ASSERT_EQ(run.code, 0) << run.err;
+  EXPECT_EQ(run.summary()["card"], dir + "/card.png");
+  EXPECT_NE(run.out.find("guidance "), std::string::npos);  // the live word on the progress line
+  std::ifstream in(dir + "/card.json");
+  const std::string json((std::istreambuf_iterator<char>(in)), {});
+  for (const char* key :
+       {"\"guidance\": \"ok\"", "\"sharpness\": ", "\"glare\": ", "\"brightness\": ",
+        "\"code_text\": \"KWQIMAGE SYNTHETIC CARD 0001\"", "\"aamva\": null", "\"corners\": [["})
+    EXPECT_NE(json.find(key), std::string::npos) << key << " in " << json;
+  const Image card = Image::loadFile(dir + "/card.png");
+  ASSERT_FALSE(card.isNull());
+  EXPECT_EQ(card.width(), 1000u);
+  EXPECT_EQ(card.height(), 628u);
+  const auto codes = platform::readCodes(card, {std::string(AVMetadataObjectTypePDF417Code)});
+  ASSERT_EQ(codes.size(), 1u);
+  EXPECT_EQ(dynamic_cast<const MetadataMachineReadableCodeObject&>(*codes[0]).stringValue,
+            "KWQIMAGE SYNTHETIC CARD 0001");
+  // Face mode has no card to write.
+  EXPECT_EQ(kwq("capture --mode face --frames 5 --out " + dir).code, 2);
 }
 
 TEST(CaptureTool, SnapshotRecordingFileCameraAndBadOptions) {

@@ -22,6 +22,7 @@
 #include <kwqimage/Render.h>
 #include <kwqimage/SyntheticCamera.h>
 
+#include "kwq/card_output.h"
 #include "kwq/json.h"
 #include "kwq/table.h"
 
@@ -378,6 +379,7 @@ std::string progressLine(const CaptureMonitor& monitor, const KWQVideoHelper& en
 
 struct Loop {
   const CaptureOptions* options = nullptr;
+  const CardOutput* card = nullptr;  // with card captures: the live guidance word
   const CaptureMonitor* monitor = nullptr;
   KWQVideoHelper* engine = nullptr;
   std::shared_ptr<ShapeLayer> outline;  // the host's barcode outline, when a preview is drawn
@@ -421,8 +423,9 @@ gboolean onTick(gpointer data) {
 
   const bool live = loop.options->liveProgress;
   if (live || loop.done || now - loop.lastPrint >= std::chrono::seconds(1)) {
-    const std::string line =
+    std::string line =
         progressLine(*loop.monitor, *loop.engine, *loop.options, loop.synthetic, loop.start);
+    if (loop.card) line += "  guidance " + loop.card->guidance();
     if (live) {
       *loop.out << '\r' << line
                 << std::string(loop.lastWidth > line.size() ? loop.lastWidth - line.size() : 0,
@@ -508,6 +511,10 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
     return 2;
   }
   if (!pathsWritable(options, err)) return 2;
+  if (!options.outDir.empty() && !options.cardMode) {
+    err << "kwq capture: --out writes the captured card; it needs card mode\n";
+    return 2;
+  }
   std::shared_ptr<CaptureDevice> camera = chooseCamera(options.camera, err);
   if (!camera) return 2;
   // Synthetic cameras film the card; face mode films the portrait instead.
@@ -547,7 +554,15 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
         metadata, std::shared_ptr<DispatchQueue>(std::shared_ptr<void>(), &DispatchQueue::main()));
   auto monitor = std::make_shared<CaptureMonitor>(engine, options.cardMode, options.frames,
                                                   metadata, events.is_open() ? &events : nullptr);
-  engine->setDelegate(monitor);
+  // Card captures (--out, or the per-frame analysis beside a recording) put the card output
+  // in front of the monitor as the engine's delegate.
+  std::shared_ptr<CardOutput> card;
+  if (options.cardMode && (!options.outDir.empty() || options.record))
+    card = std::make_shared<CardOutput>(monitor, options.record);
+  if (card)
+    engine->setDelegate(card);
+  else
+    engine->setDelegate(monitor);
   const auto output = engine->videoDataOutput();
   const auto frameQueue = output->sampleBufferCallbackQueue();
   output->setSampleBufferDelegate(monitor, frameQueue);
@@ -560,6 +575,7 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
   Loop loop;
   loop.options = &options;
   loop.monitor = monitor.get();
+  loop.card = card.get();
   loop.engine = engine.get();
   if (!options.preview.empty()) {
     loop.outline = ShapeLayer::layer();
@@ -683,6 +699,11 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
     }
     addEntry(e, "movie", "movie", saved.empty() ? Json() : Json(saved),
              saved.empty() ? "-" : saved);
+    if (card && !saved.empty()) {
+      const std::string sidecar = fs::path(saved).replace_extension(".frames.jsonl").string();
+      if (card->writeFrames(sidecar, err))
+        addEntry(e, "frame_analysis", "frame analysis", sidecar, sidecar);
+    }
     if (saved.empty()) {
       err << "kwq capture: no movie was saved to " << pictures << '\n';
       status = 1;
@@ -699,6 +720,12 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
     }
     addEntry(e, "snapshot", "snapshot", written ? Json(options.snapshot) : Json(),
              written ? options.snapshot : "-");
+    if (!written) status = 1;
+  }
+  if (card && !options.outDir.empty()) {
+    const bool written = card->write(options.outDir, err);
+    const std::string png = options.outDir + "/card.png";
+    addEntry(e, "card", "card", written ? Json(png) : Json(), written ? png : "-");
     if (!written) status = 1;
   }
   if (!options.still.empty()) {

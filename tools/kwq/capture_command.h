@@ -23,6 +23,8 @@ struct CaptureOptions {
   bool record = false;
   /// Where to save the frame on which the card first became stable, as PNG; empty: nowhere.
   std::string snapshot;
+  /// Card mode: write the best card capture here (card.png, card.json); empty: nowhere.
+  std::string outDir;
   /// Rewrite the progress line in place (a terminal) instead of printing one a second.
   bool liveProgress = false;
   /// Print the summary as one JSON object instead of the table.

@@ -51,6 +51,8 @@ int main(int argc, char** argv) {
                              "At the end, take a still picture and save it (PNG)");
   captureCommand->add_option("--toggle-at", capture.toggleAt,
                              "Switch between the front and the back camera at frame N");
+  captureCommand->add_option("--out", capture.outDir,
+                             "Write the best captured card to DIR/card.png and DIR/card.json");
 
   std::vector<std::string> qualityFiles;
   CLI::App* quality = app.add_subcommand(
