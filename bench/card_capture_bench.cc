@@ -26,6 +26,7 @@
 #include "kwqimage/CaptureSession.h"
 #include "platform/media/synthetic_scene.h"
 #include "platform/vision/code_reader.h"
+#include "synthetic_frame.h"
 
 namespace {
 
@@ -38,29 +39,9 @@ struct Inputs {
   std::vector<cv::Point2f> corners;  // top left, top right, bottom right, bottom left
 
   Inputs() {
-    kwq::platform::SyntheticScene scene({});
-    cv::Mat bgra(kHeight, kWidth, CV_8UC4), bgr, yuv;
-    scene.render(0, {}, bgra.data, bgra.step[0]);
-    cv::cvtColor(bgra, bgr, cv::COLOR_BGRA2BGR);
-    cv::cvtColor(bgr, yuv, cv::COLOR_BGR2YUV_I420);
-    nv12.create(kHeight * 3 / 2, kWidth, CV_8UC1);
-    std::memcpy(nv12.data, yuv.data, static_cast<size_t>(kWidth) * kHeight);
-    const uint8_t* u = yuv.data + kWidth * kHeight;
-    const uint8_t* v = u + kWidth * kHeight / 4;
-    uint8_t* uv = nv12.data + kWidth * kHeight;
-    for (int i = 0; i < kWidth * kHeight / 4; ++i) {
-      uv[2 * i] = u[i];
-      uv[2 * i + 1] = v[i];
-    }
-    kwq::PixelBuffer buffer = kwq::PixelBuffer::allocate(kwq::kPixelFormat420f, kWidth, kHeight);
-    buffer.lockBaseAddress();
-    for (size_t plane = 0; plane < 2; ++plane) {
-      const uint8_t* src = nv12.data + (plane ? kWidth * kHeight : 0);
-      for (size_t y = 0; y < buffer.heightOfPlane(plane); ++y)
-        std::memcpy(buffer.baseAddressOfPlane(plane) + y * buffer.bytesPerRowOfPlane(plane),
-                    src + y * kWidth, kWidth);
-    }
-    buffer.unlockBaseAddress();
+    kwq::bench::SyntheticNv12 synthetic = kwq::bench::syntheticNv12(kWidth, kHeight);
+    nv12 = synthetic.nv12;
+    kwq::PixelBuffer buffer = synthetic.frame;
     frame = kwq::SampleBuffer(buffer, kwq::MediaTime{0, 30});
     const auto features = kwq::makeCardRectangleDetector()->featuresInImage(frame);
     if (!features.empty()) {

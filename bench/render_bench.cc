@@ -26,6 +26,7 @@
 #include "kwqimage/Layer.h"
 #include "platform/media/synthetic_scene.h"
 #include "platform/ui/renderer.h"
+#include "synthetic_frame.h"
 
 namespace {
 
@@ -40,29 +41,9 @@ struct Inputs {
   std::shared_ptr<kwq::Layer> root;
 
   Inputs() {
-    kwq::platform::SyntheticScene scene({});
-    cv::Mat bgra(kHeight, kWidth, CV_8UC4), bgr, yuv;
-    scene.render(0, {}, bgra.data, bgra.step[0]);
-    cv::cvtColor(bgra, bgr, cv::COLOR_BGRA2BGR);
-    cv::cvtColor(bgr, yuv, cv::COLOR_BGR2YUV_I420);
-    nv12.create(kHeight * 3 / 2, kWidth, CV_8UC1);
-    std::memcpy(nv12.data, yuv.data, static_cast<size_t>(kWidth) * kHeight);
-    const uint8_t* u = yuv.data + kWidth * kHeight;
-    const uint8_t* v = u + kWidth * kHeight / 4;
-    uint8_t* uv = nv12.data + kWidth * kHeight;
-    for (int i = 0; i < kWidth * kHeight / 4; ++i) {
-      uv[2 * i] = u[i];
-      uv[2 * i + 1] = v[i];
-    }
-    frame = kwq::PixelBuffer::allocate(kwq::kPixelFormat420f, kWidth, kHeight);
-    frame.lockBaseAddress();
-    for (size_t plane = 0; plane < 2; ++plane) {
-      const uint8_t* src = nv12.data + (plane ? kWidth * kHeight : 0);
-      for (size_t y = 0; y < frame.heightOfPlane(plane); ++y)
-        std::memcpy(frame.baseAddressOfPlane(plane) + y * frame.bytesPerRowOfPlane(plane),
-                    src + y * kWidth, kWidth);
-    }
-    frame.unlockBaseAddress();
+    kwq::bench::SyntheticNv12 synthetic = kwq::bench::syntheticNv12(kWidth, kHeight);
+    nv12 = synthetic.nv12;
+    frame = synthetic.frame;
     sample = kwq::SampleBuffer(frame);
 
     // The tree getPreviewView builds, with the overlays a running engine adds.

@@ -1,5 +1,7 @@
 #include "platform/media/synthetic_motion.h"
 
+#include <vector>
+
 #include <algorithm>
 #include <cmath>
 
@@ -125,6 +127,38 @@ CardView cardViewAt(uint64_t seed, uint64_t frameIndex, size_t width, size_t hei
   const cv::Vec3d facing(-r(0, 2), -r(1, 2), -r(2, 2));
   view.shade = 0.85 + 0.15 * std::max(0.0, facing.dot(toLight));
   return view;
+}
+
+// Sutherland-Hodgman clipping against the four sides, then the shoelace formula.
+double visibleQuadArea(const std::array<cv::Point2d, 4>& quad, double w, double h) {
+  std::vector<cv::Point2d> poly(quad.begin(), quad.end());
+  auto clip = [&poly](auto inside, auto cross) {
+    std::vector<cv::Point2d> out;
+    for (size_t i = 0; i < poly.size(); ++i) {
+      const cv::Point2d a = poly[i], b = poly[(i + 1) % poly.size()];
+      const bool ina = inside(a), inb = inside(b);
+      if (ina) out.push_back(a);
+      if (ina != inb) out.push_back(cross(a, b));
+    }
+    poly = std::move(out);
+  };
+  auto lerpX = [](double x) {
+    return [x](cv::Point2d a, cv::Point2d b) {
+      return cv::Point2d(x, a.y + (b.y - a.y) * (x - a.x) / (b.x - a.x));
+    };
+  };
+  auto lerpY = [](double y) {
+    return [y](cv::Point2d a, cv::Point2d b) {
+      return cv::Point2d(a.x + (b.x - a.x) * (y - a.y) / (b.y - a.y), y);
+    };
+  };
+  clip([](cv::Point2d p) { return p.x >= 0.0; }, lerpX(0.0));
+  clip([w](cv::Point2d p) { return p.x <= w; }, lerpX(w));
+  clip([](cv::Point2d p) { return p.y >= 0.0; }, lerpY(0.0));
+  clip([h](cv::Point2d p) { return p.y <= h; }, lerpY(h));
+  double area = 0.0;
+  for (size_t i = 0; i < poly.size(); ++i) area += poly[i].cross(poly[(i + 1) % poly.size()]);
+  return std::abs(area) / 2.0;
 }
 
 }  // namespace kwq::platform

@@ -3,6 +3,7 @@
 // Where the synthetic camera's card is in each frame: a seeded, smooth path of the card's 3D
 // pose in front of a pinhole camera, and what that pose looks like in the picture.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -36,5 +37,8 @@ cv::Point2d project(const cv::Matx33d& h, cv::Point2d p);
 /// 64-bit mixing function (splitmix64's finaliser): seeds everything per frame without
 /// shared state.
 uint64_t mixBits(uint64_t x);
+
+/// Area of the part of a convex quadrilateral inside [0, width] x [0, height].
+double visibleQuadArea(const std::array<cv::Point2d, 4>& quad, double width, double height);
 
 }  // namespace kwq::platform

@@ -5,6 +5,7 @@
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
+#include "platform/media/synthetic_motion.h"
 
 namespace kwq::platform {
 namespace {
@@ -33,38 +34,6 @@ std::array<cv::Point2d, 4> cropCorners() {
   const double x0 = kPortraitCropX, y0 = kPortraitCropY;
   const double x1 = x0 + kPortraitCropWidth, y1 = y0 + kPortraitCropHeight;
   return {cv::Point2d(x0, y0), cv::Point2d(x1, y0), cv::Point2d(x1, y1), cv::Point2d(x0, y1)};
-}
-
-// Area of the part of a convex quadrilateral inside [0, w] x [0, h] (polygon clipping).
-double visibleArea(const std::array<cv::Point2d, 4>& quad, double w, double h) {
-  std::vector<cv::Point2d> poly(quad.begin(), quad.end());
-  auto clip = [&poly](auto inside, auto cross) {
-    std::vector<cv::Point2d> out;
-    for (size_t i = 0; i < poly.size(); ++i) {
-      const cv::Point2d a = poly[i], b = poly[(i + 1) % poly.size()];
-      const bool ina = inside(a), inb = inside(b);
-      if (ina) out.push_back(a);
-      if (ina != inb) out.push_back(cross(a, b));
-    }
-    poly = std::move(out);
-  };
-  auto atX = [](double x) {
-    return [x](cv::Point2d a, cv::Point2d b) {
-      return cv::Point2d(x, a.y + (b.y - a.y) * (x - a.x) / (b.x - a.x));
-    };
-  };
-  auto atY = [](double y) {
-    return [y](cv::Point2d a, cv::Point2d b) {
-      return cv::Point2d(a.x + (b.x - a.x) * (y - a.y) / (b.y - a.y), y);
-    };
-  };
-  clip([](cv::Point2d p) { return p.x >= 0.0; }, atX(0.0));
-  clip([w](cv::Point2d p) { return p.x <= w; }, atX(w));
-  clip([](cv::Point2d p) { return p.y >= 0.0; }, atY(0.0));
-  clip([h](cv::Point2d p) { return p.y <= h; }, atY(h));
-  double area = 0.0;
-  for (size_t i = 0; i < poly.size(); ++i) area += poly[i].cross(poly[(i + 1) % poly.size()]);
-  return std::abs(area) / 2.0;
 }
 
 }  // namespace
@@ -112,7 +81,7 @@ void setPortraitTruth(const PortraitView& view, size_t width, size_t height,
   for (int i = 0; i < 4; ++i) truth.faceCorners[i] = {q[i].x, q[i].y};
   truth.faceBox = {{c.x - half, c.y - half}, {view.faceSide, view.faceSide}};
   truth.faceRollDegrees = view.rollDegrees;
-  truth.faceVisible = visibleArea(q, w, h) > 0.0;
+  truth.faceVisible = visibleQuadArea(q, w, h) > 0.0;
   truth.faceFullyVisible = std::all_of(q.begin(), q.end(), [&](const cv::Point2d& p) {
     return p.x >= 0.0 && p.x <= w && p.y >= 0.0 && p.y <= h;
   });

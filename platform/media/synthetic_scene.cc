@@ -36,38 +36,6 @@ double finiteOr(double v, double fallback) {
 
 using Quad = std::array<cv::Point2d, 4>;
 
-// Area of the part of a convex quadrilateral inside [0, w] x [0, h] (polygon clipping).
-double visibleArea(const Quad& quad, double w, double h) {
-  std::vector<cv::Point2d> poly(quad.begin(), quad.end());
-  auto clip = [&poly](auto inside, auto cross) {
-    std::vector<cv::Point2d> out;
-    for (size_t i = 0; i < poly.size(); ++i) {
-      const cv::Point2d a = poly[i], b = poly[(i + 1) % poly.size()];
-      const bool ina = inside(a), inb = inside(b);
-      if (ina) out.push_back(a);
-      if (ina != inb) out.push_back(cross(a, b));
-    }
-    poly = std::move(out);
-  };
-  auto lerpX = [](double x) {
-    return [x](cv::Point2d a, cv::Point2d b) {
-      return cv::Point2d(x, a.y + (b.y - a.y) * (x - a.x) / (b.x - a.x));
-    };
-  };
-  auto lerpY = [](double y) {
-    return [y](cv::Point2d a, cv::Point2d b) {
-      return cv::Point2d(a.x + (b.x - a.x) * (y - a.y) / (b.y - a.y), y);
-    };
-  };
-  clip([](cv::Point2d p) { return p.x >= 0.0; }, lerpX(0.0));
-  clip([w](cv::Point2d p) { return p.x <= w; }, lerpX(w));
-  clip([](cv::Point2d p) { return p.y >= 0.0; }, lerpY(0.0));
-  clip([h](cv::Point2d p) { return p.y <= h; }, lerpY(h));
-  double area = 0.0;
-  for (size_t i = 0; i < poly.size(); ++i) area += poly[i].cross(poly[(i + 1) % poly.size()]);
-  return std::abs(area) / 2.0;
-}
-
 // Signed distances (pixels, positive inside) of a point to the quadrilateral's four edges,
 // each as a x + b y + c with (a, b) a unit normal.
 struct Edges {
@@ -203,7 +171,7 @@ SyntheticFrameTruth SyntheticScene::truth(uint64_t frameIndex) const {
   const Quad card = d.corners(view, {0.0, 0.0, kCardWidthMm, kCardHeightMm});
   for (int i = 0; i < 4; ++i) truth.cardCorners[i] = {card[i].x, card[i].y};
   truth.cardTiltDegrees = view.tiltDegrees;
-  truth.cardVisible = visibleArea(card, w, h) > 0.0;
+  truth.cardVisible = visibleQuadArea(card, w, h) > 0.0;
   truth.cardFullyVisible = std::all_of(card.begin(), card.end(), [&](const cv::Point2d& p) {
     return p.x >= 0.0 && p.x <= w && p.y >= 0.0 && p.y <= h;
   });

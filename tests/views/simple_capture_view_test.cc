@@ -217,9 +217,10 @@ TEST_F(SimpleCaptureViewTest, StillGoesToTheLastBlockOnlyOnce) {
   EXPECT_FALSE(view->callbackBlock());
   std::lock_guard lock(mutex);
   ASSERT_FALSE(still.isNull());
-  // The full 1280 x 720 frame, turned upright for the device's orientation.
-  EXPECT_EQ(std::max(still.width(), still.height()), 1280u);
-  EXPECT_EQ(still.width() * still.height(), 1280u * 720u);
+  // The synthetic camera's full-resolution still (1920 x 1080 from 720p), turned upright for
+  // the device's orientation.
+  EXPECT_EQ(std::max(still.width(), still.height()), 1920u);
+  EXPECT_EQ(still.width() * still.height(), 1920u * 1080u);
   view->getNewStillImage(still);  // no pending block: ignored
 }
 
