@@ -14,6 +14,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   # The synthetic camera's portrait scene films skimage's astronaut photograph.
   python3-skimage
+  # The kwqimage Python module and its Dask batch runner.
+  python3-dev pybind11-dev python3-numpy python3-dask python3-distributed python3-pytest
 )
 
 missing=()
