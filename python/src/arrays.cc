@@ -38,8 +38,8 @@ std::string shapeText(const py::array& a) {
   return text + (a.ndim() == 1 ? ",)" : ")");
 }
 
-// True when `bytes` bytes from `data` lie inside the memory of the array that owns `a`'s
-// data: a view's last row may end before its row stride does, and the image reads whole rows.
+// True when `bytes` bytes from `data` lie inside the memory of the array that `a` is a view
+// of: a view's last row may end before its row stride does, and the image reads whole rows.
 bool ownerCovers(const py::array& a, const uint8_t* data, size_t bytes) {
   py::object owner = py::reinterpret_borrow<py::object>(a);
   while (true) {
@@ -48,8 +48,9 @@ bool ownerCovers(const py::array& a, const uint8_t* data, size_t bytes) {
     owner = base;
   }
   const auto root = py::reinterpret_borrow<py::array>(owner);
-  // Only an array that owns plain C-ordered memory has a known extent.
-  if (!root.attr("base").is_none() || !(root.flags() & py::array::c_style)) return false;
+  // The first array of the chain exposes its whole memory block (whoever owns it: NumPy, a
+  // capsule, a buffer); its extent is known when it is C-ordered.
+  if (!(root.flags() & py::array::c_style)) return false;
   const auto* begin = static_cast<const uint8_t*>(root.data());
   const auto* end = begin + root.nbytes();
   return data >= begin && data + bytes <= end;

@@ -156,6 +156,14 @@ void defineImages(py::module_& m) {
       "image"_a, "to"_a, py::kw_only(), "layout"_a = py::none(),
       "The image in another layout ('gray', 'rgb', 'rgba' or 'bgra'; colour to gray with the\n"
       "BT.601 weights, alpha premultiplied or divided out as the layouts require).");
+  // For tests of the in-place promise: where the image made of an array keeps its bytes.
+  m.def(
+      "_image_address",
+      [](const py::handle& a, bool packedRows) {
+        const Image in = imageFromArray(a, std::nullopt, packedRows ? Rows::Packed : Rows::Strided);
+        return reinterpret_cast<uintptr_t>(in.bytes().data());
+      },
+      "image"_a, "packed_rows"_a = false);
   m.def(
       "png_data",
       [](const py::handle& a, const Layout& layout) {
