@@ -133,12 +133,14 @@ def run(
     scheduler: Optional[str] = None,
     chunk_size: int = 0,
     progress: bool = True,
+    client: Any = None,
 ) -> List[Dict[str, Any]]:
     """Scores `paths` on Dask and returns the rows in the order of `paths`.
 
     workers: processes of the local cluster (0: one per core); ignored with `scheduler`.
     scheduler: address of an existing cluster's scheduler.
     chunk_size: files per task (0: enough tasks to keep every worker busy, about 4 each).
+    client: a dask.distributed.Client to use (and leave open) instead of either.
     """
     from dask.distributed import Client, LocalCluster, as_completed
 
@@ -146,7 +148,10 @@ def run(
     if not paths:
         return []
     cluster = None
-    if scheduler:
+    own_client = client is None
+    if client is not None:
+        pass
+    elif scheduler:
         client = Client(scheduler)
     else:
         n = workers or os.cpu_count() or 1
@@ -175,7 +180,8 @@ def run(
             bar.update(rows)
         return [row for rows in results if rows for row in rows]
     finally:
-        client.close()
+        if own_client:
+            client.close()
         if cluster is not None:
             cluster.close()
 

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -164,6 +165,21 @@ void defineImages(py::module_& m) {
         return reinterpret_cast<uintptr_t>(in.bytes().data());
       },
       "image"_a, "packed_rows"_a = false);
+  // For the overhead benchmark: `n` calls of the C++ measure on the image of `a`, in this
+  // process, on the same memory; seconds in all.
+  m.def(
+      "_cpp_calculate_focus_loop",
+      [](const py::handle& a, int n) {
+        const Image in = imageFromArray(a, std::nullopt, Rows::Packed);
+        return nogil([&] {
+          volatile int32_t sink = 0;
+          const auto start = std::chrono::steady_clock::now();
+          for (int i = 0; i < n; ++i) sink = calculateFocus(in);
+          (void)sink;
+          return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        });
+      },
+      "image"_a, "n"_a);
   m.def(
       "png_data",
       [](const py::handle& a, const Layout& layout) {
