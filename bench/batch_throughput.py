@@ -12,7 +12,7 @@ import statistics
 import tempfile
 import time
 
-from dask.distributed import Client, LocalCluster
+from dask.distributed import Client
 
 from kwqimage import batch
 
@@ -39,16 +39,19 @@ def main():
         paths = make_files(folder, args.images)
         clients = {}
         for n in (1, 2):
-            cluster = LocalCluster(n_workers=n, threads_per_worker=1, processes=True,
-                                   dashboard_address=None)
+            cluster = batch.local_cluster(n)
             clients[n] = (cluster, Client(cluster))
             batch.run(paths[: 2 * n], client=clients[n][1], progress=False)  # warm up
         times = {1: [], 2: []}
+        cores = {1: [], 2: []}  # worker CPU seconds per wall second: the cores a run obtained
         for _ in range(args.rounds):
             for n in (1, 2):
+                client = clients[n][1]
+                cpu = sum(client.run(time.process_time).values())
                 start = time.perf_counter()
-                rows = batch.run(paths, client=clients[n][1], progress=False)
+                rows = batch.run(paths, client=client, progress=False)
                 times[n].append(time.perf_counter() - start)
+                cores[n].append((sum(client.run(time.process_time).values()) - cpu) / times[n][-1])
                 assert len(rows) == len(paths) and not any(r["error"] for r in rows)
         for cluster, client in clients.values():
             client.close()
@@ -58,7 +61,8 @@ def main():
     for n in (1, 2):
         t = statistics.median(times[n])
         print(f"  {n} worker{'s' if n > 1 else ' '}: median {t:6.2f} s  {len(paths) / t:6.1f} "
-              f"images/s  (runs {', '.join(f'{x:.2f}' for x in times[n])})")
+              f"images/s  cores obtained {statistics.median(cores[n]):.2f}  "
+              f"(runs {', '.join(f'{x:.2f}' for x in times[n])})")
     print(f"  speed-up 2 vs 1: {statistics.median(times[1]) / statistics.median(times[2]):.2f}x"
           f"  (best runs {min(times[1]) / min(times[2]):.2f}x)")
 

@@ -127,6 +127,24 @@ class _Progress:
         self.stream.flush()
 
 
+#: Environment of worker processes: one thread each inside OpenCV (the face, rectangle and
+#: resampling steps would otherwise spread every image over all cores), so that N workers
+#: score N images at once instead of fighting over the cores for one at a time. Give the
+#: workers of an existing cluster the same (``OPENCV_FOR_THREADS_NUM=1``).
+WORKER_ENV = {"OPENCV_FOR_THREADS_NUM": "1", "OMP_NUM_THREADS": "1"}
+
+
+def local_cluster(workers: int = 0):
+    """A local Dask cluster of `workers` single-threaded processes (0: one per core)."""
+    from dask.distributed import LocalCluster
+
+    n = workers or os.cpu_count() or 1
+    # Processes, not threads: the measures release the GIL, but a process per worker keeps a
+    # crash on one file from taking the others with it.
+    return LocalCluster(n_workers=n, threads_per_worker=1, processes=True,
+                        dashboard_address=None, env=dict(WORKER_ENV))
+
+
 def run(
     paths: Sequence[str],
     workers: int = 0,
@@ -142,7 +160,7 @@ def run(
     chunk_size: files per task (0: enough tasks to keep every worker busy, about 4 each).
     client: a dask.distributed.Client to use (and leave open) instead of either.
     """
-    from dask.distributed import Client, LocalCluster, as_completed
+    from dask.distributed import Client, as_completed
 
     paths = list(paths)
     if not paths:
@@ -154,12 +172,7 @@ def run(
     elif scheduler:
         client = Client(scheduler)
     else:
-        n = workers or os.cpu_count() or 1
-        # One thread per process: the measures hold no GIL, but processes keep a crash in one
-        # file from taking the others with it and use every core without contention.
-        cluster = LocalCluster(
-            n_workers=n, threads_per_worker=1, processes=True, dashboard_address=None
-        )
+        cluster = local_cluster(workers)
         client = Client(cluster)
     try:
         busy = sum(client.nthreads().values()) or 1

@@ -209,3 +209,17 @@ def test_png_round_trip_and_decode(tmp_path):
     assert np.array_equal(kwqimage.load_image(path, layout=None), image)
     assert np.array_equal(kwqimage.decode_image(kwqimage.png_data(image), layout=None), image)
     assert not kwqimage.write_png(image, str(tmp_path / "no" / "folder.png"))
+
+
+def test_every_public_name_has_a_type_stub():
+    import ast
+    import os
+
+    stub = os.path.join(os.path.dirname(kwqimage.__file__), "_kwqimage.pyi")
+    tree = ast.parse(open(stub).read())
+    stubbed = {n.name for n in tree.body if isinstance(n, (ast.FunctionDef, ast.ClassDef))}
+    stubbed |= {n.target.id for n in tree.body if isinstance(n, ast.AnnAssign)}
+    public = {n for n in dir(kwqimage._kwqimage) if not n.startswith("_")}
+    assert public - stubbed == set()
+    for name in public - {"version_number", "CARD_ASPECT_RATIO", "recorder"}:
+        assert getattr(kwqimage, name).__doc__, name
