@@ -15,6 +15,8 @@ packages=(
   # The synthetic camera's portrait scene films skimage's astronaut photograph.
   python3-skimage
   qt6-base-dev xvfb
+  # The kwqimage Python module and its Dask batch runner.
+  python3-dev pybind11-dev python3-numpy python3-dask python3-distributed python3-pytest
 )
 
 missing=()

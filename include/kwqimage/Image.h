@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -69,6 +70,14 @@ class KWQ_EXPORT Image {
   /// otherwise returns the null image.
   static Image fromBuffer(PixelLayout layout, size_t width, size_t height, size_t bytesPerRow,
                           std::vector<uint8_t> bytes);
+  /// Wraps `height * bytesPerRow` bytes owned elsewhere (a NumPy array, a mapped file) without
+  /// copying them. The memory must stay readable and unchanged while any image of it lives:
+  /// `release` runs once, when the last such image goes, on the thread that drops it. Returns
+  /// the null image for a null pointer, a zero size, a `bytesPerRow` shorter than one row or
+  /// sizes whose product overflows; `release` is then not called and the caller keeps the
+  /// memory. Images made from this image by any operation own their own bytes.
+  static Image wrapBytes(PixelLayout layout, size_t width, size_t height, size_t bytesPerRow,
+                         const uint8_t* bytes, std::function<void()> release);
   /// A solid image: every pixel holds `pixel`, which has `bytesPerPixel(layout)` bytes.
   static Image filled(PixelLayout layout, size_t width, size_t height, const uint8_t* pixel);
   /// An image that has a point size but no backing bitmap.

@@ -102,6 +102,35 @@ Image Image::fromBuffer(PixelLayout layout, size_t width, size_t height, size_t 
   return ImageAccess::make(std::move(bitmap));
 }
 
+BitmapBytes BitmapBytes::lend(const uint8_t* data, size_t size, std::function<void()> release) {
+  BitmapBytes storage;
+  storage.lent_ = data;
+  storage.lentSize_ = size;
+  storage.keeper_ = std::shared_ptr<void>(nullptr, [release = std::move(release)](void*) {
+    if (release) release();
+  });
+  return storage;
+}
+
+Image Image::wrapBytes(PixelLayout layout, size_t width, size_t height, size_t bytesPerRow,
+                       const uint8_t* bytes, std::function<void()> release) {
+  size_t row = 0, total = 0;
+  if (!bytes || width == 0 || height == 0) return {};
+  if (!checkedMul(width, bytesPerPixel(layout), &row) || bytesPerRow < row) return {};
+  if (!checkedMul(bytesPerRow, height, &total)) return {};
+  try {
+    auto bitmap = std::make_shared<Bitmap>();
+    bitmap->layout = layout;
+    bitmap->width = width;
+    bitmap->height = height;
+    bitmap->bytesPerRow = bytesPerRow;
+    bitmap->bytes = BitmapBytes::lend(bytes, total, std::move(release));
+    return ImageAccess::make(std::move(bitmap));
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
+}
+
 Image Image::filled(PixelLayout layout, size_t width, size_t height, const uint8_t* pixel) {
   const size_t bpp = bytesPerPixel(layout);
   size_t row = 0;

@@ -675,8 +675,13 @@ class OpenCVRectangleDetector final : public RectangleDetector {
     // High's copy is smoothed so that texture (wood grain, paper fibre) stays below the edge
     // step; Low's smaller copy is smoothed enough by the reduction itself, and more blur there
     // would erase thin outlines (a printed card's hairline border).
-    cv::Mat blurred = work;
-    if (high) cv::GaussianBlur(work, blurred, cv::Size(5, 5), 0);
+    // Into a Mat of its own: `work` may be the caller's pixels (a picture needing no
+    // reduction), which a blur into a shared header would overwrite.
+    cv::Mat blurred;
+    if (high)
+      cv::GaussianBlur(work, blurred, cv::Size(5, 5), 0);
+    else
+      blurred = work;
     const double minArea = kMinAreaFraction * work.cols * work.rows;
     const double minSide = std::sqrt(minArea / 2.5);
     const double minLength = std::max(10.0, 0.4 * minSide);
