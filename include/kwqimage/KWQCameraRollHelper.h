@@ -15,15 +15,26 @@
 
 namespace kwq {
 
+/// How the recorder stores camera frames. Raw is the default and what the file description
+/// below says; the others trade encoding time for size (measured at 1280x720, 30 fps):
+///  - H264Lossless: H.264, lossless (420f/420v decode to the delivered frames exactly).
+///  - H264: H.264 at constant quality, visually lossless.
+///  - ProRes: Apple ProRes 422 HQ, visually lossless, intra-only.
+/// Encoded movies keep the crash safety of raw ones. BGRA frames are converted to YUV (BT.601)
+/// for every codec but Raw. H.264 needs x264 (gst-plugins-ugly), ProRes gst-libav; without
+/// them the writer fails at the first frame and logs why.
+enum class MovieCodec { Raw, H264Lossless, H264, ProRes };
+
 /// Records the camera frames the capture engine sees into "FrontCardData<n>.mov" in the folder
 /// "<documents>//SavedCameraData" (the doubled slash is part of the path), and saves each movie
 /// to the photo library when recording stops. One recorder per process.
 ///
-/// Files: movies keep every frame as delivered (420f/420v as 8-bit 4:2:2, BGRA as RGB without
-/// alpha, never a lossy codec), time stamps from the frames, the movie starting at the first
-/// recorded frame. A process killed while recording leaves a movie that plays up to within a
-/// second of the kill. The photo library is the pictures folder (XDG, or the override below);
-/// saving copies into it and never replaces a file there (see photoLibraryDirectory()).
+/// Files (with the default codec, MovieCodec::Raw): movies keep every frame as delivered (420f/420v
+/// as 8-bit 4:2:2, BGRA as RGB without alpha, never a lossy codec), time stamps from the frames,
+/// the movie starting at the first recorded frame. A process killed while recording leaves a movie
+/// that plays up to within a second of the kill. The photo library is the pictures folder (XDG, or
+/// the override below); saving copies into it and never replaces a file there (see
+/// photoLibraryDirectory()).
 ///
 /// States: idle → recording (startSavingCameraData) → writing (first appended frame) →
 /// finishing (stopSavingCameraData) → idle once the movie is finished and handed to the photo
@@ -93,6 +104,11 @@ class KWQ_EXPORT KWQCameraRollHelper {
   /// description given to saveImageToCameraRoll().
   void imageDidFinishSaving(const Image& image, const std::optional<std::string>& error,
                             const std::string& contextInfo);
+
+  /// The codec of the movies started from now on; Raw (uncompressed) unless set. A recording in
+  /// progress keeps the codec it started with.
+  void setVideoCodec(MovieCodec codec);
+  MovieCodec videoCodec() const;
 
   /// A recording is in progress.
   bool isRecording() const;
