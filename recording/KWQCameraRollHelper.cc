@@ -77,17 +77,8 @@ std::string errorOf(const std::shared_ptr<MovieWriter>& writer) {
 }
 
 platform::MovieVideoCodec platformCodec(MovieCodec codec) {
-  switch (codec) {
-    case MovieCodec::Raw:
-      break;
-    case MovieCodec::H264Lossless:
-      return platform::MovieVideoCodec::H264Lossless;
-    case MovieCodec::H264:
-      return platform::MovieVideoCodec::H264;
-    case MovieCodec::ProRes:
-      return platform::MovieVideoCodec::ProRes;
-  }
-  return platform::MovieVideoCodec::Raw;
+  return codec == MovieCodec::H264Lossless ? platform::MovieVideoCodec::H264Lossless
+                                           : platform::MovieVideoCodec::Raw;
 }
 
 std::string lastComponent(const std::string& path) {

@@ -174,7 +174,6 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
       case MovieVideoCodec::Raw:
         return nullptr;
       case MovieVideoCodec::H264Lossless:
-      case MovieVideoCodec::H264:
         e = gst_element_factory_make("x264enc", nullptr);
         if (!e) return nullptr;
         // No look-ahead, no B-frames, no frame threads: every frame leaves the encoder as soon
@@ -183,19 +182,9 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
         gst_util_set_object_arg(G_OBJECT(e), "tune", "zerolatency");
         gst_util_set_object_arg(G_OBJECT(e), "speed-preset", "ultrafast");
         g_object_set(e, "key-int-max", 3u, "bframes", 0u, "byte-stream", FALSE, nullptr);
-        if (codec == MovieVideoCodec::H264Lossless) {
-          // Quantiser 0 makes x264 code losslessly (High 4:4:4 Predictive).
-          gst_util_set_object_arg(G_OBJECT(e), "pass", "quant");
-          g_object_set(e, "quantizer", 0u, nullptr);
-        } else {
-          gst_util_set_object_arg(G_OBJECT(e), "pass", "qual");
-          g_object_set(e, "quantizer", 16u, nullptr);
-        }
-        return e;
-      case MovieVideoCodec::ProRes:
-        e = gst_element_factory_make("avenc_prores_ks", nullptr);
-        if (!e) return nullptr;
-        gst_util_set_object_arg(G_OBJECT(e), "profile", "hq");
+        // Quantiser 0 makes x264 code losslessly (High 4:4:4 Predictive).
+        gst_util_set_object_arg(G_OBJECT(e), "pass", "quant");
+        g_object_set(e, "quantizer", 0u, nullptr);
         return e;
     }
     return nullptr;
@@ -218,8 +207,7 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
       if (pipeline) gst_object_unref(pipeline);
       pipeline = appsrc = capsfilter = mux = nullptr;
       fail(encoded ? "A GStreamer element of the movie pipeline is missing (appsrc, videoconvert, "
-                     "capsfilter, the encoder (x264enc from gst-plugins-ugly, avenc_prores_ks "
-                     "from gst-libav), qtmux, filesink)."
+                     "capsfilter, x264enc from gst-plugins-ugly, qtmux, filesink)."
                    : "A GStreamer element of the movie pipeline is missing (appsrc, videoconvert, "
                      "capsfilter, qtmux, filesink).");
       return false;
@@ -260,11 +248,8 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
       case MovieVideoCodec::Raw:
         return nv12 ? "UYVY" : "RGB";
       case MovieVideoCodec::H264Lossless:
-      case MovieVideoCodec::H264:
         // x264 codes NV12 as delivered; BGRA becomes planar 4:4:4 YUV.
         return nv12 ? "NV12" : "Y444";
-      case MovieVideoCodec::ProRes:
-        return "I422_10LE";
     }
     return "UYVY";
   }

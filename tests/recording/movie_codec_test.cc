@@ -1,4 +1,4 @@
-// Encoded movies: frames coded with H.264 (lossless or visually lossless), read back through
+// Encoded movies: frames coded with lossless H.264, read back through
 // GStreamer's decoders and compared with the frames that were appended; sizes compared with
 // the raw movie of the same frames.
 //
@@ -205,9 +205,7 @@ TEST(MovieCodecs, EncodedMoviesOfTheCardSceneAreSmallerAndFaithful) {
     int worst = 0;
     size_t frames = 0;
   };
-  Row rows[] = {{"raw", MovieVideoCodec::Raw},
-                {"h264 lossless", MovieVideoCodec::H264Lossless},
-                {"h264 crf16", MovieVideoCodec::H264}};
+  Row rows[] = {{"raw", MovieVideoCodec::Raw}, {"h264 lossless", MovieVideoCodec::H264Lossless}};
   for (Row& row : rows) {
     const fs::path path = dir.path / (std::string(row.name) + ".mov");
     double renderCpu = 0;
@@ -236,9 +234,8 @@ TEST(MovieCodecs, EncodedMoviesOfTheCardSceneAreSmallerAndFaithful) {
   }
   EXPECT_TRUE(std::isinf(rows[0].psnr));
   EXPECT_EQ(rows[1].worst, 0);
-  EXPECT_LT(rows[1].bytes * 3, rows[0].bytes);
-  EXPECT_GE(rows[2].psnr, 40.0);
-  EXPECT_LT(rows[2].bytes * 20, rows[0].bytes);
+  EXPECT_TRUE(std::isinf(rows[1].psnr));
+  EXPECT_LT(rows[1].bytes * 4, rows[0].bytes);
 }
 
 }  // namespace

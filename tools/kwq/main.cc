@@ -38,13 +38,11 @@ int main(int argc, char** argv) {
                            "Record the stream with the engine's recorder (uncompressed movie, "
                            "about 55 MB a second at 1280x720, unless --codec says otherwise)");
   const std::map<std::string, kwq::MovieCodec> codecs{{"raw", kwq::MovieCodec::Raw},
-                                                      {"h264", kwq::MovieCodec::H264Lossless},
-                                                      {"h264-hq", kwq::MovieCodec::H264},
-                                                      {"prores", kwq::MovieCodec::ProRes}};
+                                                      {"h264", kwq::MovieCodec::H264Lossless}};
   captureCommand
       ->add_option("--codec", capture.codec,
-                   "Recorder codec: raw (default), h264 (lossless H.264), h264-hq (visually "
-                   "lossless H.264) or prores (ProRes 422 HQ)")
+                   "Recorder codec: raw (uncompressed, default) or h264 (lossless H.264, about a "
+                   "ninth of the size)")
       ->transform(CLI::CheckedTransformer(codecs, CLI::ignore_case));
   captureCommand->add_option("--snapshot", capture.snapshot,
                              "Save the frame on which the card first became stable (PNG)");
