@@ -34,6 +34,7 @@ struct KWQCameraRollHelper::Impl {
   // Flags read on every frame: atomics, so a read on the frame queue never races a write.
   std::atomic<bool> isRecording{false};
   std::atomic<uint32_t> cameraDataCounter{0};
+  std::atomic<MovieCodec> codec{MovieCodec::Raw};
 
   // Finishes and saves on their way, for waitForPendingSaves().
   std::mutex pendingMutex;
@@ -75,6 +76,11 @@ std::string errorOf(const std::shared_ptr<MovieWriter>& writer) {
   return error.empty() ? "(null)" : error;
 }
 
+platform::MovieVideoCodec platformCodec(MovieCodec codec) {
+  return codec == MovieCodec::H264Lossless ? platform::MovieVideoCodec::H264Lossless
+                                           : platform::MovieVideoCodec::Raw;
+}
+
 std::string lastComponent(const std::string& path) {
   return std::filesystem::path(path).filename().string();
 }
@@ -105,7 +111,7 @@ bool KWQCameraRollHelper::startSavingCameraData() {
   bool expected = false;
   if (!d_->isRecording.compare_exchange_strong(expected, true)) return false;
   guarded(0, [&] {
-    auto input = MovieWriterInput::videoInput();
+    auto input = MovieWriterInput::videoInput(platformCodec(d_->codec.load()));
     input->setExpectsMediaDataInRealTime(true);
     // The file's name is taken before the folder is recreated, from the current counter.
     const std::string url = getCameraDataFilePath();
@@ -259,6 +265,14 @@ void KWQCameraRollHelper::videoDidFinishSaving(const std::string&,
 
 void KWQCameraRollHelper::imageDidFinishSaving(const Image&, const std::optional<std::string>&,
                                                const std::string&) {}
+
+void KWQCameraRollHelper::setVideoCodec(MovieCodec codec) {
+  d_->codec.store(codec);
+}
+
+MovieCodec KWQCameraRollHelper::videoCodec() const {
+  return d_->codec.load();
+}
 
 bool KWQCameraRollHelper::isRecording() const {
   return d_->isRecording.load();

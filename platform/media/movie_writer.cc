@@ -86,6 +86,7 @@ class ReadLock {
 
 struct MovieWriterInput::State {
   mutable std::mutex mutex;
+  MovieVideoCodec codec = MovieVideoCodec::Raw;
   bool realTime = false;
   bool finished = false;
   bool attached = false;
@@ -110,6 +111,7 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
   GstElement* appsrc = nullptr;
   GstElement* capsfilter = nullptr;
   GstElement* mux = nullptr;
+  MovieVideoCodec codec = MovieVideoCodec::Raw;
 
   std::mutex appendMutex;  // serialises appends; taken before `mutex`
   bool sessionStarted = false;
@@ -165,35 +167,69 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
     return false;
   }
 
+  // The encoder for `codec`, configured; null for raw frames or when the plugin is missing.
+  static GstElement* makeEncoder(MovieVideoCodec codec) {
+    GstElement* e = nullptr;
+    switch (codec) {
+      case MovieVideoCodec::Raw:
+        return nullptr;
+      case MovieVideoCodec::H264Lossless:
+        e = gst_element_factory_make("x264enc", nullptr);
+        if (!e) return nullptr;
+        // No look-ahead, no B-frames, no frame threads: every frame leaves the encoder as soon
+        // as it is coded, so a fragment holds what was appended before it. A key frame every
+        // three frames (a tenth of a second at 30 fps) lets every fragment decode on its own.
+        gst_util_set_object_arg(G_OBJECT(e), "tune", "zerolatency");
+        gst_util_set_object_arg(G_OBJECT(e), "speed-preset", "ultrafast");
+        g_object_set(e, "key-int-max", 3u, "bframes", 0u, "byte-stream", FALSE, nullptr);
+        // Quantiser 0 makes x264 code losslessly (High 4:4:4 Predictive).
+        gst_util_set_object_arg(G_OBJECT(e), "pass", "quant");
+        g_object_set(e, "quantizer", 0u, nullptr);
+        return e;
+    }
+    return nullptr;
+  }
+
   // Builds the pipeline; false (with the failure set) when an element is missing. Mutex held.
   bool buildPipeline() {
     pipeline = gst_pipeline_new(nullptr);
     appsrc = gst_element_factory_make("appsrc", nullptr);
     GstElement* convert = gst_element_factory_make("videoconvert", nullptr);
     capsfilter = gst_element_factory_make("capsfilter", nullptr);
+    GstElement* encoder = makeEncoder(codec);
     mux = gst_element_factory_make("qtmux", nullptr);
     GstElement* sink = gst_element_factory_make("filesink", nullptr);
-    GstElement* all[] = {appsrc, convert, capsfilter, mux, sink};
-    if (!pipeline || !appsrc || !convert || !capsfilter || !mux || !sink) {
+    const bool encoded = codec != MovieVideoCodec::Raw;
+    GstElement* all[] = {appsrc, convert, capsfilter, encoder, mux, sink};
+    if (!pipeline || !appsrc || !convert || !capsfilter || !mux || !sink || (encoded && !encoder)) {
       for (GstElement* e : all)
         if (e) gst_object_unref(e);
       if (pipeline) gst_object_unref(pipeline);
       pipeline = appsrc = capsfilter = mux = nullptr;
-      fail(
-          "A GStreamer element of the movie pipeline is missing (appsrc, videoconvert, "
-          "capsfilter, qtmux, filesink).");
+      fail(encoded ? "A GStreamer element of the movie pipeline is missing (appsrc, videoconvert, "
+                     "capsfilter, x264enc from gst-plugins-ugly, qtmux, filesink)."
+                   : "A GStreamer element of the movie pipeline is missing (appsrc, videoconvert, "
+                     "capsfilter, qtmux, filesink).");
       return false;
     }
     gst_bin_add_many(GST_BIN(pipeline), appsrc, convert, capsfilter, mux, sink, nullptr);
-    if (!gst_element_link_many(appsrc, convert, capsfilter, mux, sink, nullptr)) {
+    bool linked = false;
+    if (encoded) {
+      gst_bin_add(GST_BIN(pipeline), encoder);
+      linked = gst_element_link_many(appsrc, convert, capsfilter, encoder, mux, sink, nullptr);
+    } else {
+      linked = gst_element_link_many(appsrc, convert, capsfilter, mux, sink, nullptr);
+    }
+    if (!linked) {
       fail("The movie pipeline could not be linked.");
       return false;
     }
     g_object_set(appsrc, "format", GST_FORMAT_TIME, "is-live", FALSE, "block", FALSE,
                  "emit-signals", FALSE, nullptr);
-    // Pure repacking: no colour matrix, no chroma filtering, no dithering.
+    // Pure repacking: no colour matrix, no chroma filtering, no dithering. Encoders take YUV
+    // only, so for them BGRA frames go through the colour matrix.
     gst_util_set_object_arg(G_OBJECT(convert), "chroma-mode", "none");
-    gst_util_set_object_arg(G_OBJECT(convert), "matrix-mode", "none");
+    if (!encoded) gst_util_set_object_arg(G_OBJECT(convert), "matrix-mode", "none");
     gst_util_set_object_arg(G_OBJECT(convert), "dither", "none");
     g_object_set(mux, "fragment-duration", kFragmentMs, nullptr);
     // Unbuffered: what qtmux has written is in the kernel, where a killed process cannot lose it.
@@ -203,6 +239,19 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
     gst_bus_set_sync_handler(bus, &MovieWriterCore::onBusMessage, this, nullptr);
     gst_object_unref(bus);
     return true;
+  }
+
+  // The layout the converter hands on: what qtmux keeps raw, or what the encoder codes.
+  const char* storedFormat() const {
+    const bool nv12 = GST_VIDEO_INFO_FORMAT(&info) == GST_VIDEO_FORMAT_NV12;
+    switch (codec) {
+      case MovieVideoCodec::Raw:
+        return nv12 ? "UYVY" : "RGB";
+      case MovieVideoCodec::H264Lossless:
+        // x264 codes NV12 as delivered; BGRA becomes planar 4:4:4 YUV.
+        return nv12 ? "NV12" : "Y444";
+    }
+    return "UYVY";
   }
 
   bool startWriting() {
@@ -218,6 +267,10 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
       if (::lstat(path.c_str(), &st) == 0) {
         fail("The file \"" + path + "\" already exists.");
         return false;
+      }
+      {
+        std::lock_guard inputLock(input->mutex);
+        codec = input->codec;
       }
       if (!buildPipeline()) return false;
     }
@@ -266,9 +319,8 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
       info.colorimetry.matrix = GST_VIDEO_COLOR_MATRIX_BT601;
     }
     // appsrc's thread may hand the caps on at once: what they meet downstream is set first.
-    GstCaps* stored = gst_caps_new_simple(
-        "video/x-raw", "format", G_TYPE_STRING,
-        GST_VIDEO_INFO_FORMAT(&info) == GST_VIDEO_FORMAT_NV12 ? "UYVY" : "RGB", nullptr);
+    GstCaps* stored =
+        gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, storedFormat(), nullptr);
     g_object_set(capsfilter, "caps", stored, nullptr);
     gst_caps_unref(stored);
     const guint timescale = static_cast<guint>(std::min(pts.timescale, kMaxTrackTimescale));
@@ -441,8 +493,15 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
   }
 };
 
-std::shared_ptr<MovieWriterInput> MovieWriterInput::videoInput() {
-  return std::shared_ptr<MovieWriterInput>(new MovieWriterInput(std::make_shared<State>()));
+std::shared_ptr<MovieWriterInput> MovieWriterInput::videoInput(MovieVideoCodec codec) {
+  auto state = std::make_shared<State>();
+  state->codec = codec;
+  return std::shared_ptr<MovieWriterInput>(new MovieWriterInput(std::move(state)));
+}
+
+MovieVideoCodec MovieWriterInput::codec() const {
+  std::lock_guard lock(d_->mutex);
+  return d_->codec;
 }
 
 void MovieWriterInput::setExpectsMediaDataInRealTime(bool realTime) {

@@ -2,10 +2,11 @@
 
 // QuickTime movies from camera samples, written through GStreamer:
 //
-//   appsrc ! videoconvert ! capsfilter ! qtmux ! filesink
+//   appsrc ! videoconvert ! capsfilter ! [encoder ! capsfilter !] qtmux ! filesink
 //
-// Frames are stored as delivered, never through a lossy codec. QuickTime keeps raw video only as
-// 2vuy (8-bit 4:2:2, GStreamer's UYVY), RGB or v210, so the converter only repacks:
+// By default (MovieVideoCodec::Raw) frames are stored as delivered, never through a codec.
+// QuickTime keeps raw video only as 2vuy (8-bit 4:2:2, GStreamer's UYVY), RGB or v210, so the
+// converter only repacks:
 //  - 420f and 420v (NV12) frames become UYVY: every luma sample as delivered, each chroma pair
 //    written on both rows it covers. Nothing captured is lost: reading the chroma of one of the
 //    two rows gives back the delivered frame exactly.
@@ -52,6 +53,17 @@ enum class MovieWriterStatus : int64_t { Unknown = 0, Writing = 1, Completed = 2
 /// Container formats a MovieWriter can write.
 enum class MovieFileType { QuickTimeMovie };
 
+/// How a MovieWriterInput stores its frames.
+///  - Raw: repacked as described above, nothing lost, about 55 MB/s at 1280x720 and 30 fps.
+///  - H264Lossless: H.264 (x264) in lossless mode (quantiser 0, High 4:4:4 Predictive profile),
+///    420f/420v as 4:2:0 as delivered, decoding to the delivered pixels; BGRA as 4:4:4 YUV
+///    (BT.601, which rounds). About a ninth of the raw size for camera pictures, at about 5 ms
+///    of one core a 1280x720 frame.
+/// Encoded movies keep the fragments: x264 runs without look-ahead, B-frames or frame
+/// threads, so frames are not held back, and starts a key frame every three frames (every
+/// fragment at 30 fps), so each fragment decodes on its own.
+enum class MovieVideoCodec { Raw, H264Lossless };
+
 struct MovieWriterCore;
 
 /// The video input of a MovieWriter: takes camera samples in time order and queues them for
@@ -61,8 +73,9 @@ struct MovieWriterCore;
 /// Every method may be called from any thread; appends are meant to come from one thread.
 class MovieWriterInput {
  public:
-  /// A video input that is not yet attached to a writer.
-  static std::shared_ptr<MovieWriterInput> videoInput();
+  /// A video input that is not yet attached to a writer, storing its frames with `codec`.
+  static std::shared_ptr<MovieWriterInput> videoInput(MovieVideoCodec codec = MovieVideoCodec::Raw);
+  MovieVideoCodec codec() const;
 
   /// Marks the input as fed in real time (a camera): the writer then keeps its queue short, a
   /// few frames, so that a crash loses little. Otherwise the queue holds 16 frames. Takes

@@ -1,6 +1,6 @@
 // Records camera frames until it is killed: the child of the crash-safety test.
 //
-//   recorder_crash_helper <documents folder> <pictures folder>
+//   recorder_crash_helper <documents folder> <pictures folder> [raw|h264]
 //
 // Appends 320 x 240 420f frames, 30 a second of movie time, as fast as the recorder takes them,
 // and writes each appended frame's time in nanoseconds as one line to standard output, so the
@@ -16,10 +16,13 @@
 #include "kwqimage/KWQImageDictionary.h"
 
 int main(int argc, char** argv) {
-  if (argc != 3) return 2;
+  if (argc != 3 && argc != 4) return 2;
+  const std::string codec = argc == 4 ? argv[3] : "raw";
+  if (codec != "raw" && codec != "h264") return 2;
   kwq::KWQImageDictionary::setDocumentsDirectory(argv[1]);
   kwq::KWQCameraRollHelper::setPhotoLibraryDirectory(argv[2]);
   auto& recorder = kwq::KWQCameraRollHelper::getInstance();
+  if (codec == "h264") recorder.setVideoCodec(kwq::MovieCodec::H264Lossless);
   if (!recorder.startSavingCameraData()) return 3;
   std::vector<kwq::PixelBuffer> frames;
   for (int i = 0; i < 4; ++i) {

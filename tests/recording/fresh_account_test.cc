@@ -104,14 +104,14 @@ class FreshAccount : public ::testing::Test {
   void TearDown() override { fs::remove_all(root_); }
 
   // Records 30 synthetic frames; checks the run, the log and the movie; returns the movie.
-  fs::path recordAndReadBack(const fs::path& pictures) {
-    const ToolRun run = kwqIn(home_, "capture --frames 30 --record");
+  fs::path recordAndReadBack(const fs::path& pictures, const std::string& codec = "raw") {
+    const ToolRun run = kwqIn(home_, "capture --frames 30 --record --codec " + codec);
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(run.err.find("Error creating folder"), std::string::npos) << run.err;
     EXPECT_EQ(run.err.find("An error has occured"), std::string::npos) << run.err;
     const fs::path movie = run.row("movie");
     EXPECT_EQ(movie, pictures / "FrontCardData0.mov") << run.out << run.err;
-    const auto read = test::readMovie(movie.string());
+    const auto read = test::readMovie(movie.string(), {}, /*decode=*/codec != "raw");
     EXPECT_TRUE(read.opened) << read.error;
     EXPECT_GE(read.frames, 20u);  // the frame being delivered at the stop may miss the movie
     EXPECT_LE(read.frames, 30u);
@@ -141,6 +141,18 @@ TEST_F(FreshAccount, RecordingCreatesMissingXdgFoldersWithTheirParents) {
   EXPECT_TRUE(fs::is_directory(home_ / "Work" / "Papers" / "SavedCameraData"));
   EXPECT_FALSE(fs::exists(home_ / "Documents"));
   EXPECT_FALSE(fs::exists(home_ / "Pictures"));
+}
+
+TEST_F(FreshAccount, LosslessH264RecordingIsSmallerAndOtherCodecsAreUsageErrors) {
+  const fs::path rawMovie = recordAndReadBack(home_ / "Pictures");
+  const uintmax_t raw = fs::file_size(rawMovie);
+  fs::remove(rawMovie);  // the next movie takes the same name
+  const uintmax_t h264 = fs::file_size(recordAndReadBack(home_ / "Pictures", "h264"));
+  EXPECT_LT(h264 * 4, raw);
+  for (const char* codec : {"ffv1", "prores", "h264-lossy", ""}) {
+    const ToolRun run = kwqIn(home_, std::string("capture --frames 1 --record --codec ") + codec);
+    EXPECT_EQ(run.code, 2) << codec << ": " << run.err;
+  }
 }
 
 }  // namespace

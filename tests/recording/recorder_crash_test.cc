@@ -65,7 +65,7 @@ struct Child {
   }
 
   // False when the helper could not be started.
-  bool start(const fs::path& dir, int killAfter) {
+  bool start(const fs::path& dir, int killAfter, const std::string& codec) {
     documents = dir / "Documents";
     target = killAfter;
     fs::create_directories(documents);
@@ -76,7 +76,8 @@ struct Child {
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     std::string helper = KWQ_RECORDER_CRASH_HELPER;
     std::string docs = documents.string(), pictures = (dir / "Pictures").string();
-    char* args[] = {helper.data(), docs.data(), pictures.data(), nullptr};
+    std::string codecArg = codec;
+    char* args[] = {helper.data(), docs.data(), pictures.data(), codecArg.data(), nullptr};
     if (posix_spawn(&pid, helper.c_str(), &actions, nullptr, args, environ) != 0) pid = 0;
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);
@@ -85,7 +86,9 @@ struct Child {
   }
 };
 
-TEST(RecorderCrash, AKilledRecordingLeavesAMoviePlayableToWithinASecondOfTheKill) {
+// Twenty recordings with `codec`, each killed at a random moment; every movie must decode (with
+// GStreamer's decoders, as a player would) to within a second of the kill.
+void killTwentyRecordings(const std::string& codec) {
   char name[] = "/tmp/kwq-crash-XXXXXX";
   ASSERT_NE(::mkdtemp(name), nullptr);
   const fs::path root = name;
@@ -97,7 +100,7 @@ TEST(RecorderCrash, AKilledRecordingLeavesAMoviePlayableToWithinASecondOfTheKill
   for (int run = 0; run < 20; run += 2) {
     Child children[2];
     for (int k = 0; k < 2; ++k)
-      ASSERT_TRUE(children[k].start(root / std::to_string(run + k), killAfter(rng)));
+      ASSERT_TRUE(children[k].start(root / std::to_string(run + k), killAfter(rng), codec));
     for (Child& c : children) {
       while (c.progress.frames < c.target && c.progress.readSome()) {
       }
@@ -111,14 +114,22 @@ TEST(RecorderCrash, AKilledRecordingLeavesAMoviePlayableToWithinASecondOfTheKill
                                        << " after " << c.progress.frames << " frames";
       ASSERT_GE(c.progress.frames, c.target);
 
-      const auto movie =
-          test::readMovie(c.documents.string() + "//SavedCameraData/FrontCardData0.mov");
+      const auto movie = test::readMovie(
+          c.documents.string() + "//SavedCameraData/FrontCardData0.mov", {}, /*decode=*/true);
       EXPECT_TRUE(movie.opened) << c.documents << ": " << movie.error;
       EXPECT_GE(movie.endNs, c.progress.lastNs - 1000000000)
           << c.documents << ": " << movie.frames << " of " << c.progress.frames << " frames";
     }
   }
   fs::remove_all(root);
+}
+
+TEST(RecorderCrash, AKilledRecordingLeavesAMoviePlayableToWithinASecondOfTheKill) {
+  killTwentyRecordings("raw");
+}
+
+TEST(RecorderCrash, AKilledLosslessH264RecordingAlsoPlaysToWithinASecondOfTheKill) {
+  killTwentyRecordings("h264");
 }
 
 }  // namespace

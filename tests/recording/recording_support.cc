@@ -108,7 +108,7 @@ int patternDifference(const StoredFrame& f, uint32_t pixelFormat, int index) {
 }
 
 MovieSummary readMovie(const std::string& path,
-                       const std::function<void(const StoredFrame&)>& onFrame) {
+                       const std::function<void(const StoredFrame&)>& onFrame, bool decode) {
   MovieSummary summary;
   if (!platform::ensureGStreamer(&summary.error)) return summary;
   GstElement* pipeline = gst_pipeline_new(nullptr);
@@ -117,7 +117,14 @@ MovieSummary readMovie(const std::string& path,
   GstElement* sink = gst_element_factory_make("appsink", nullptr);
   gst_bin_add_many(GST_BIN(pipeline), src, demux, sink, nullptr);
   gst_element_link(src, demux);
-  g_signal_connect(demux, "pad-added", G_CALLBACK(linkToSink), sink);
+  if (decode) {
+    GstElement* decoder = gst_element_factory_make("decodebin", nullptr);
+    gst_bin_add(GST_BIN(pipeline), decoder);
+    g_signal_connect(demux, "pad-added", G_CALLBACK(linkToSink), decoder);
+    g_signal_connect(decoder, "pad-added", G_CALLBACK(linkToSink), sink);
+  } else {
+    g_signal_connect(demux, "pad-added", G_CALLBACK(linkToSink), sink);
+  }
   g_object_set(src, "location", path.c_str(), nullptr);
   g_object_set(sink, "sync", FALSE, "max-buffers", 4u, nullptr);
   gst_element_set_state(pipeline, GST_STATE_PLAYING);
@@ -139,6 +146,11 @@ MovieSummary readMovie(const std::string& path,
       f.height = GST_VIDEO_INFO_HEIGHT(&info);
       f.data = static_cast<const uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0));
       f.stride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0);
+      f.planes = static_cast<int>(GST_VIDEO_FRAME_N_PLANES(&frame));
+      for (int p = 0; p < f.planes && p < 4; ++p) {
+        f.plane[p] = static_cast<const uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, p));
+        f.planeStride[p] = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, p);
+      }
       if (summary.frames == 0) summary.firstPtsNs = f.ptsNs;
       summary.endNs = f.ptsNs + std::max<int64_t>(f.durationNs, 0);
       ++summary.frames;

@@ -26,6 +26,9 @@ struct StoredFrame {
   int width = 0, height = 0;
   const uint8_t* data = nullptr;  // first plane
   int stride = 0;
+  int planes = 0;  // every plane, for decoded frames (I420, NV12, ...)
+  const uint8_t* plane[4] = {};
+  int planeStride[4] = {};
 };
 
 /// Largest difference of any stored sample from pattern frame `index` as the writer stores it
@@ -41,9 +44,11 @@ struct MovieSummary {
   int64_t endNs = 0;  // last frame's pts plus its duration
 };
 
-/// Reads the movie at `path`, every frame through `onFrame` when given.
+/// Reads the movie at `path`, every frame through `onFrame` when given. With `decode`, encoded
+/// frames go through GStreamer's decoders (decodebin) first: a movie that reads this way plays.
 MovieSummary readMovie(const std::string& path,
-                       const std::function<void(const StoredFrame&)>& onFrame = {});
+                       const std::function<void(const StoredFrame&)>& onFrame = {},
+                       bool decode = false);
 
 /// Polls `condition` until it holds or `timeout` passes; true when it held.
 template <class Condition>

@@ -532,6 +532,7 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
     return 2;
   }
   engine->setShouldDetectCardRect(options.cardMode);
+  if (options.record) KWQCameraRollHelper::getInstance().setVideoCodec(options.codec);
   engine->setRecordCameraData(options.record);
   // As a host shows it: a view of the preview, with the centre box in face mode. Faces are
   // measured in the view's points.
@@ -699,6 +700,11 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
     }
     addEntry(e, "movie", "movie", saved.empty() ? Json() : Json(saved),
              saved.empty() ? "-" : saved);
+    std::error_code ec;
+    const auto bytes = saved.empty() ? 0 : fs::file_size(saved, ec);
+    if (!saved.empty() && !ec)
+      addEntry(e, "movie_bytes", "movie bytes", static_cast<double>(bytes),
+               format("%.1f MB", bytes / 1e6));
     if (card && !saved.empty()) {
       const std::string sidecar = fs::path(saved).replace_extension(".frames.jsonl").string();
       if (card->writeFrames(sidecar, err))

@@ -5,6 +5,8 @@
 #include <ostream>
 #include <string>
 
+#include <kwqimage/KWQCameraRollHelper.h>
+
 namespace kwq::tool {
 
 /// What `kwq capture` runs.
@@ -21,6 +23,8 @@ struct CaptureOptions {
   std::string camera;
   /// Record the camera stream with the engine's recorder (recordCameraData).
   bool record = false;
+  /// The recorder's codec for this run; raw (uncompressed) by default.
+  MovieCodec codec = MovieCodec::Raw;
   /// Where to save the frame on which the card first became stable, as PNG; empty: nowhere.
   std::string snapshot;
   /// Card mode: write the best card capture here (card.png, card.json); empty: nowhere.
