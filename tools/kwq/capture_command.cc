@@ -80,6 +80,8 @@ class MetadataMonitor final : public CaptureMetadataOutputObjectsDelegate {
       std::lock_guard lock(mutex_);
       for (const CodeSeen& code : std::set<CodeSeen>(codes.begin(), codes.end())) ++frames_[code];
       latest_ = std::move(codes);
+      latestTime_ =
+          objects.empty() || !objects.front() ? MediaTime::invalid() : objects.front()->time;
     }
     engine_->captureOutput(output, objects, connection);
   }
@@ -88,6 +90,12 @@ class MetadataMonitor final : public CaptureMetadataOutputObjectsDelegate {
   std::vector<CodeSeen> latest() const {
     std::lock_guard lock(mutex_);
     return latest_;
+  }
+  // The time stamp of the frame the newest callback's objects were found in; invalid when it
+  // had none. Any thread.
+  MediaTime latestTime() const {
+    std::lock_guard lock(mutex_);
+    return latestTime_;
   }
   // Each code with the number of callbacks that carried it.
   std::map<CodeSeen, uint64_t> frames() const {
@@ -99,6 +107,7 @@ class MetadataMonitor final : public CaptureMetadataOutputObjectsDelegate {
   const std::shared_ptr<KWQVideoHelper> engine_;
   mutable std::mutex mutex_;
   std::vector<CodeSeen> latest_;
+  MediaTime latestTime_;
   std::map<CodeSeen, uint64_t> frames_;
 };
 
@@ -259,6 +268,7 @@ class CaptureMonitor final : public CaptureVideoDataOutputSampleBufferDelegate,
       pixels = framePixels(face, *engine_->previewLayer(), sample.imageBuffer().width(),
                            sample.imageBuffer().height());
     const std::vector<CodeSeen> codes = metadata_->latest();
+    const MediaTime found = metadata_->latestTime();
     std::lock_guard lock(mutex_);
     if (hasFace) {
       ++faceFrames_;
@@ -271,6 +281,10 @@ class CaptureMonitor final : public CaptureVideoDataOutputSampleBufferDelegate,
     event.set("frame", stepMs_.size());
     const auto index = syntheticFrameIndex(sample);
     event.set("source_frame", index ? Json(*index) : Json());
+    const MediaTime stamp = sample.presentationTimeStamp();
+    event.set("time", stamp.isValid() ? Json(stamp.seconds()) : Json());
+    // Recognition trails the frames: the results above come from the frame of this time.
+    event.set("metadata_time", found.isValid() ? Json(found.seconds()) : Json());
     event.set("face_frame_px", pixels ? rectJson(*pixels) : Json());
     event.set("yaw", yaw).set("roll", roll).set("has_yaw", hasYaw).set("has_roll", hasRoll);
     event.set("head_centred", centred);
