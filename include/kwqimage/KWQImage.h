@@ -11,6 +11,7 @@
 // Conversion, geometry and the PNG store.
 #include "kwqimage/Color.h"
 #include "kwqimage/Detectors.h"
+#include "kwqimage/Threads.h"
 #include "kwqimage/DeviceOrientation.h"
 #include "kwqimage/KWQCameraRollHelper.h"
 #include "kwqimage/KWQImageDictionary.h"

@@ -73,6 +73,16 @@ def score_files(paths: Sequence[str]) -> List[Dict[str, Any]]:
     return [score_file(path) for path in paths]
 
 
+def _score_chunk(paths: Sequence[str]) -> List[Dict[str, Any]]:
+    # On a worker: one process per core, so each image operation keeps to one thread (the
+    # library's default spreads a face search over every core).
+    from . import _kwqimage
+
+    if _kwqimage.imaging_threads() != 1:
+        _kwqimage.set_imaging_threads(1)
+    return score_files(paths)
+
+
 def find_images(inputs: Sequence[str]) -> List[str]:
     """The files named, and the image files under the folders named, sorted within a folder."""
     paths: List[str] = []
@@ -178,7 +188,7 @@ def run(
         busy = sum(client.nthreads().values()) or 1
         size = chunk_size or max(1, min(64, len(paths) // (busy * 4) or 1))
         chunks = list(_chunks(paths, size))
-        futures = client.map(score_files, chunks, pure=False)
+        futures = client.map(_score_chunk, chunks, pure=False)
         position = {future.key: i for i, future in enumerate(futures)}
         results: List[Optional[List[Dict[str, Any]]]] = [None] * len(chunks)
         bar = _Progress(len(paths), enabled=progress)

@@ -117,6 +117,10 @@ py::object padImageArray(const py::handle& array, const Layout& layout) {
 }
 
 void defineImages(py::module_& m) {
+  m.def("set_imaging_threads", &setImagingThreadCount, py::arg("count"),
+        "Threads one image operation may use (1 or more; 0: one per core), process-wide. A batch "
+        "running one process per core sets 1.");
+  m.def("imaging_threads", &imagingThreadCount, "Threads one image operation may use now.");
   m.def(
       "load_image",
       [](const std::string& path, const Layout& layout) {
