@@ -167,7 +167,8 @@ def run(
 
     workers: processes of the local cluster (0: one per core); ignored with `scheduler`.
     scheduler: address of an existing cluster's scheduler.
-    chunk_size: files per task (0: enough tasks to keep every worker busy, about 4 each).
+    chunk_size: files per task (0: about 16 tasks a worker, so that images of uneven cost
+        still leave no worker idle at the end).
     client: a dask.distributed.Client to use (and leave open) instead of either.
     """
     from dask.distributed import Client, as_completed
@@ -186,7 +187,7 @@ def run(
         client = Client(cluster)
     try:
         busy = sum(client.nthreads().values()) or 1
-        size = chunk_size or max(1, min(64, len(paths) // (busy * 4) or 1))
+        size = chunk_size or max(1, min(64, len(paths) // (busy * 16) or 1))
         chunks = list(_chunks(paths, size))
         futures = client.map(_score_chunk, chunks, pure=False)
         position = {future.key: i for i, future in enumerate(futures)}
