@@ -3,6 +3,7 @@
 #include <glib.h>
 #include <pybind11/stl.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -52,6 +53,13 @@ class FrameTap final : public CaptureVideoDataOutputSampleBufferDelegate, public
                      CaptureConnection& connection) override {
     auto engine = engine_.lock();
     if (!engine) return;
+    // The preview takes the frame's size, as a host's full-size view would, so that faces
+    // (measured in preview points) come out in frame pixels. Layers change on the main queue.
+    if (!previewSized_.exchange(true)) {
+      const Rect frame{0, 0, static_cast<double>(sample.imageBuffer().width()),
+                       static_cast<double>(sample.imageBuffer().height())};
+      DispatchQueue::main().async([engine, frame] { engine->previewLayer()->setFrame(frame); });
+    }
     called_ = false;
     engine->captureOutput(output, sample, connection);
     Frame f;
@@ -125,6 +133,7 @@ class FrameTap final : public CaptureVideoDataOutputSampleBufferDelegate, public
   Rect rect_;
   double yaw_ = 0.0, roll_ = 0.0;
   std::optional<std::string> barcode_;
+  std::atomic<bool> previewSized_{false};
 
   mutable std::mutex mutex_;  // guards the fields below
   std::condition_variable ready_;
@@ -279,7 +288,8 @@ void defineEngine(py::module_& m) {
       .def_readonly("time", &Frame::time, "Presentation time stamp in seconds.")
       .def_property_readonly(
           "face_rect", [](const Frame& f) { return rectTuple(f.faceRect); },
-          "Face mode: the tracked face in preview points, zero when none. Card mode: the\n"
+          "Face mode: the tracked face in frame pixels (x, y, width, height from the top left),\n"
+          "zero when none. Card mode: the\n"
           "stable-card marker the delegate received, zero on frames without a stable card.")
       .def_readonly("yaw", &Frame::yaw)
       .def_readonly("roll", &Frame::roll)
