@@ -15,10 +15,14 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "platform/foundation/fault_fence.h"
+#include "platform/foundation/log_format.h"
 #include "platform/image/image_data.h"
 
 namespace kwq::platform {
@@ -57,18 +61,28 @@ ZXing::DecodeHints hintsFor(ZXing::BarcodeFormats formats, const CodeReaderSetti
   return hints;
 }
 
-bool isText(ZXing::ContentType type) {
-  switch (type) {
+// The symbol's text; none when it holds data that no string represents. zxing calls content
+// with control characters other than tab, LF and CR binary, but the records on driving
+// licences (AAMVA: LF, RS and CR between fields) and ISO 15434 messages (GS, RS, EOT) are text
+// a host wants as a string. So 7-bit content without NUL is text whatever zxing calls it; it
+// reads the same in UTF-8.
+std::optional<std::string> textOf(const ZXing::Result& r) {
+  switch (r.contentType()) {
     case ZXing::ContentType::Text:
     case ZXing::ContentType::GS1:
     case ZXing::ContentType::ISO15434:
-      return true;
+      return r.text();
     case ZXing::ContentType::Binary:
-    case ZXing::ContentType::Mixed:
+    case ZXing::ContentType::Mixed: {
+      const ZXing::ByteArray& bytes = r.bytes();
+      if (std::all_of(bytes.begin(), bytes.end(), [](uint8_t b) { return b != 0 && b < 0x80; }))
+        return std::string(bytes.begin(), bytes.end());
+      break;
+    }
     case ZXing::ContentType::UnknownECI:
       break;
   }
-  return false;
+  return std::nullopt;
 }
 
 double unit(double v) {
@@ -95,7 +109,7 @@ MetadataObjects toObjects(const ZXing::Results& results, size_t width, size_t he
       maxY = std::max(maxY, n.y);
     }
     code->bounds = Rect(minX, minY, maxX - minX, maxY - minY);
-    if (isText(r.contentType())) code->stringValue = r.text();
+    code->stringValue = textOf(r);
     code->time = time;
     code->duration = duration;
     out.push_back(std::move(code));
@@ -129,6 +143,28 @@ cv::Mat reducedGray(const ZXing::ImageView& view, int factor) {
   return small;
 }
 
+// zxing's search, fenced (see fault_fence.h): a symbol that makes the decoder fault gives
+// nothing, like one it cannot read.
+ZXing::Results readFenced(const ZXing::ImageView& view, const ZXing::DecodeHints& hints) {
+  ZXing::Results results;
+  std::exception_ptr error;
+  const bool finished = runFenced([&] {
+    try {
+      ZXing::Results found = ZXing::ReadBarcodes(view, hints);
+      results = std::move(found);
+    } catch (...) {
+      error = std::current_exception();
+    }
+  });
+  if (!finished) {
+    logf("The code reader skipped a frame on which the PDF417 or QR decoder failed (%llu so far)",
+         static_cast<unsigned long long>(fencedFaultCount()));
+    return {};
+  }
+  if (error) std::rethrow_exception(error);
+  return results;
+}
+
 // Reads `view`; no objects on any failure zxing reports by throwing (it rejects views it
 // cannot use that way) and on OpenCV's failures.
 MetadataObjects read(const ZXing::ImageView& view, ZXing::BarcodeFormats formats,
@@ -137,15 +173,15 @@ MetadataObjects read(const ZXing::ImageView& view, ZXing::BarcodeFormats formats
                height = static_cast<size_t>(view.height());
   try {
     const ZXing::DecodeHints hints = hintsFor(formats, settings);
-    ZXing::Results results = ZXing::ReadBarcodes(view, hints);
+    ZXing::Results results = readFenced(view, hints);
     if (results.empty() && settings.retry == CodeRetry::GlobalHistogram) {
-      results = ZXing::ReadBarcodes(
+      results = readFenced(
           view, ZXing::DecodeHints(hints).setBinarizer(ZXing::Binarizer::GlobalHistogram));
     } else if (results.empty() && settings.retry != CodeRetry::None &&
                std::min(width, height) >= kMinReducedSide) {
       const int k = settings.retry == CodeRetry::ReducedByThree ? 3 : 2;
       const cv::Mat small = reducedGray(view, k);
-      results = ZXing::ReadBarcodes(
+      results = readFenced(
           {small.data, small.cols, small.rows, ZXing::ImageFormat::Lum, int(small.step[0])},
           ZXing::DecodeHints(hints).setTryDownscale(false));
       // A reduced pixel i covers full pixels k i to k i + k - 1: its middle is at k i + k / 2.

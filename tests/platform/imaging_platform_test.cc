@@ -1,6 +1,8 @@
 // The platform pieces behind the imaging layer: the image context, the bitmap context's exact
-// shortcuts, camera sample buffers, atomic file writes and the user's folders.
+// shortcuts, camera sample buffers, atomic file writes, the user's folders and the fence
+// around third-party decoders.
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -9,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -17,6 +20,7 @@
 #include "kwqimage/SampleBuffer.h"
 #include "platform/draw/exact_paths.h"
 #include "platform/draw/image_context.h"
+#include "platform/foundation/fault_fence.h"
 #include "platform/foundation/file_io.h"
 #include "platform/foundation/user_dirs.h"
 #include "support/test_support.h"
@@ -250,6 +254,65 @@ TEST(Files, UserFoldersExistOnceLookedUp) {
   platform::setUserFolderOverride(UserFolder::Documents, "");
   platform::setUserFolderOverride(UserFolder::Pictures, "");
   fs::remove_all(root);
+}
+
+// A page nothing may read: what a decoder's wild read hits.
+struct GuardPage {
+  GuardPage() : page(mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {}
+  ~GuardPage() { munmap(page, 4096); }
+  char read() const { return *static_cast<volatile const char*>(page); }
+  void* page;
+};
+
+TEST(FaultFence, AFaultInsideEndsOnlyTheFencedCall) {
+  const GuardPage guard;
+  ASSERT_NE(guard.page, MAP_FAILED);
+  const uint64_t before = platform::fencedFaultCount();
+  bool after = false;
+  EXPECT_FALSE(platform::runFenced([&] {
+    guard.read();
+    after = true;
+  }));
+  EXPECT_FALSE(after);
+  EXPECT_EQ(platform::fencedFaultCount(), before + 1);
+
+  // The fence stands again for the next call, and a finished call reports so.
+  int ran = 0;
+  EXPECT_TRUE(platform::runFenced([&] { ++ran; }));
+  EXPECT_EQ(ran, 1);
+  EXPECT_FALSE(platform::runFenced([&] { guard.read(); }));
+
+  // A fault in an inner fence leaves the outer one standing.
+  bool innerFinished = true, outerFinished = false;
+  EXPECT_FALSE(platform::runFenced([&] {
+    innerFinished = platform::runFenced([&] { guard.read(); });
+    guard.read();
+    outerFinished = true;
+  }));
+  EXPECT_FALSE(innerFinished);
+  EXPECT_FALSE(outerFinished);
+
+  // Threads fault at the same time, each back into its own fence.
+  std::vector<std::thread> threads;
+  std::vector<int> caught(4, 0);
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 50; ++i) caught[t] += !platform::runFenced([&] { guard.read(); });
+    });
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(caught, std::vector<int>(4, 50));
+  EXPECT_EQ(platform::fencedFaultCount(), before + 4 + 200);
+}
+
+TEST(FaultFenceDeathTest, FaultsOutsideAFenceStillEndTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        const GuardPage guard;
+        platform::runFenced([] {});  // the fence's handler is installed
+        guard.read();
+      },
+      "");
 }
 
 }  // namespace

@@ -133,7 +133,7 @@ TEST(CodeReader, OnlyRequestedTypesAreReturned) {
   EXPECT_TRUE(types({"org.iso.pdf417", ""}).empty());  // type names are exact
 }
 
-TEST(CodeReader, TextOnlyForTextContent) {
+TEST(CodeReader, TextForTextContentControlCharactersIncluded) {
   const cv::Mat background = photo("building.jpg");
   struct Case {
     CodeKind kind;
@@ -146,6 +146,14 @@ TEST(CodeReader, TextOnlyForTextContent) {
       {CodeKind::QR, "Zoë Ångström, 東京 🚗", false},  // UTF-8 round trip
       {CodeKind::QR, bytes, true},
       {CodeKind::PDF417, bytes, true},
+      // A driving licence's record: 7-bit text with LF, RS and CR between its fields, which
+      // zxing calls binary.
+      {CodeKind::PDF417,
+       "@\n\x1e\rANSI 636000100002DL00410278ZV03190008DLDAQT64235789\nDCSSAMPLE\r", false},
+      {CodeKind::QR,
+       "[)>\x1e"
+       "06\x1dP12345\x1e\x04",
+       false},  // ISO 15434 with GS, RS, EOT
   };
   for (const Case& c : cases) {
     const auto printed = test::printSymbol(
