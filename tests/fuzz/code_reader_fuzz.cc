@@ -29,12 +29,6 @@ std::vector<uint8_t> tiled(const uint8_t* data, size_t size, size_t count) {
 
 }  // namespace
 
-// Some inputs make zxing's PDF417 decoder fault; the code reader's fence ends that call and
-// leaves what it had allocated unfreed by design. Those leaks are zxing's allocations.
-extern "C" const char* __lsan_default_suppressions() {
-  return "leak:libZXing\n";
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 8) return 0;
   constexpr uint32_t kFormats[] = {kwq::kPixelFormat420f, kwq::kPixelFormat420v,
