@@ -73,6 +73,18 @@ enum class SyntheticSceneKind : uint8_t {
 /// is said to have below, so that they show in the picture: a lens that is out of focus until
 /// auto-focus has run (and always with the range restricted to far subjects, the card being near),
 /// a torch that brightens the picture, and a flash that brightens the frame a still capture takes.
+/// A driving-licence record in the AAMVA DL/ID format (version 10) for the fictitious holder
+/// printed on the synthetic card (Jane Alexandra Doe, born 12 March 1988, document K47Q0193552,
+/// expiring 30 June 2032), with an issuer number (999000) and jurisdiction (KW) that no issuer
+/// uses. The synthetic card's PDF417 carries it unless SyntheticCameraOptions::codeText says
+/// otherwise. Its symbol's modules come out 1.5 to 2.5 pixels wide on a 1280x720 frame, at the
+/// edge of what the code reader reads live (about a third of the frames); a flattened card
+/// reads every time.
+inline constexpr std::string_view kSyntheticCardAAMVAText =
+    "@\n\x1e\rANSI 999000100001DL00310209DLDCAD\nDCBNONE\nDCDNONE\nDBA06302032\nDCSDOE\nDACJANE\n"
+    "DADALEXANDRA\nDBD07012024\nDBB03121988\nDBC2\nDAYBRO\nDAU066 IN\nDAG1 SAMPLE ROAD\n"
+    "DAIEXAMPLE CITY\nDAJKW\nDAK000010000\nDAQK47Q0193552\nDCFKWQ0001\nDCGUSA\nDDEN\nDDFN\nDDGN\r";
+
 struct SyntheticCameraOptions {
   int64_t position = AVCaptureDevicePositionBack;
   /// Empty: "kwq.synthetic.back" / "kwq.synthetic.front" / "kwq.synthetic.<position>".
@@ -82,8 +94,9 @@ struct SyntheticCameraOptions {
 
   /// The card (the default, also of the cameras in the default device list) or the portrait.
   SyntheticSceneKind scene = SyntheticSceneKind::Card;
-  /// Text of the PDF417 code on the card.
-  std::string codeText = "KWQIMAGE SYNTHETIC CARD 0001";
+  /// Text of the PDF417 code on the card: the licence record above, or any text (a short one
+  /// such as "KWQIMAGE SYNTHETIC CARD 0001" reads on every frame).
+  std::string codeText = std::string(kSyntheticCardAAMVAText);
   /// False films the background alone.
   bool showCard = true;
   /// Blur of the whole picture and sensor noise (standard deviations, pixels and gray levels).

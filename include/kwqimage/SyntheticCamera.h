@@ -21,17 +21,6 @@ namespace kwq {
 /// Frames a second of every synthetic camera; frame n carries the time stamp n / 30 s.
 inline constexpr int kSyntheticFrameRate = 30;
 
-/// A driving-licence record in the AAMVA DL/ID format (version 10) for the fictitious holder
-/// printed on the synthetic card (Jane Alexandra Doe, born 12 March 1988, document K47Q0193552,
-/// expiring 30 June 2032), with an issuer number (999000) and jurisdiction (KW) that no issuer
-/// uses. Give it as SyntheticCameraOptions::codeText to film a card whose code a back office
-/// can parse. Not the default: its symbol's modules come out about 1.5 pixels wide on a 720p
-/// frame, and the code reader reads none of the synthetic frames at that size.
-inline constexpr std::string_view kSyntheticCardAAMVAText =
-    "@\n\x1e\rANSI 999000100001DL00310209DLDCAD\nDCBNONE\nDCDNONE\nDBA06302032\nDCSDOE\nDACJANE\n"
-    "DADALEXANDRA\nDBD07012024\nDBB03121988\nDBC2\nDAYBRO\nDAU066 IN\nDAG1 SAMPLE ROAD\n"
-    "DAIEXAMPLE CITY\nDAJKW\nDAK000010000\nDAQK47Q0193552\nDCFKWQ0001\nDCGUSA\nDDEN\nDDFN\nDDGN\r";
-
 /// Ground truth of one synthetic frame, in the frame's pixel coordinates with the origin at
 /// the top left and y down; pixel (i, j) covers [i, i + 1) x [j, j + 1), so the picture spans
 /// [0, width] x [0, height]. Corners are given even where they lie outside the picture. Only

@@ -31,13 +31,14 @@ constexpr Rgb kInk{24, 24, 30};
 constexpr Rgb kBars{26, 26, 30};
 
 // Where things sit on the card, in millimetres.
-// The code takes the lower part: zxing-cpp reads a PDF417 whose rows are skewed by the card's
+// The code takes the lower half: zxing-cpp reads a PDF417 whose rows are skewed by the card's
 // roll only while rows are tall next to a codeword's width, so rows get four to five modules,
-// and modules must stay near three pixels on a card a third of a 1280-pixel picture wide.
-const cv::Rect2d kBandMm{2.5, 2.5, 81.0, 6.0};
-const cv::Rect2d kPhotoMm{4.0, 10.5, 15.0, 19.0};
-constexpr double kTextLeftMm = 21.5;
-const cv::Rect2d kCodeBoxMm{3.0, 31.5, 80.0, 21.0};
+// and modules must be as wide as the card allows: a licence record's symbol is 256 modules
+// wide, its modules under two pixels on a card a third of a 1280-pixel picture wide.
+const cv::Rect2d kBandMm{2.5, 2.0, 81.0, 5.0};
+const cv::Rect2d kPhotoMm{4.0, 8.5, 12.0, 15.2};
+constexpr double kTextLeftMm = 18.5;
+const cv::Rect2d kCodeBoxMm{2.5, 24.5, 81.0, 26.5};
 constexpr int kQuietModules = 2;
 constexpr double kMinRowModules = 4.0, kMaxRowModules = 5.0;
 
@@ -168,25 +169,25 @@ void drawFields(cairo_t* cr) {
     double x, y;
   };
   const Field fields[] = {
-      {"SURNAME", "DOE", kTextLeftMm, 10.0},
-      {"NATIONALITY", "KWQ", 64.0, 10.0},
-      {"GIVEN NAMES", "JANE ALEXANDRA", kTextLeftMm, 14.8},
-      {"DATE OF BIRTH", "12.03.1988", kTextLeftMm, 19.6},
-      {"SEX", "F", 47.0, 19.6},
-      {"EXPIRY", "30.06.2032", 64.0, 19.6},
-      {"DOCUMENT No.", "K47Q0193552", kTextLeftMm, 24.4},
+      {"SURNAME", "DOE", kTextLeftMm, 8.3},
+      {"NATIONALITY", "KWQ", 66.0, 8.3},
+      {"GIVEN NAMES", "JANE ALEXANDRA", kTextLeftMm, 12.0},
+      {"DATE OF BIRTH", "12.03.1988", kTextLeftMm, 15.7},
+      {"SEX", "F", 44.0, 15.7},
+      {"EXPIRY", "30.06.2032", 66.0, 15.7},
+      {"DOCUMENT No.", "K47Q0193552", kTextLeftMm, 19.4},
   };
   for (const Field& f : fields) {
-    drawText(cr, f.label, f.x, f.y, 1.3, false, kLabel);
-    drawText(cr, f.value, f.x, f.y + 1.4, 2.4, true, kInk);
+    drawText(cr, f.label, f.x, f.y, 1.1, false, kLabel);
+    drawText(cr, f.value, f.x, f.y + 1.15, 2.0, true, kInk);
   }
   // A signature beside the document number.
   setColor(cr, {40, 52, 110});
   cairo_set_line_width(cr, 0.28);
-  cairo_move_to(cr, 52.0, 28.8);
-  cairo_curve_to(cr, 54.0, 25.0, 55.0, 30.0, 57.5, 27.0);
-  cairo_curve_to(cr, 59.5, 24.8, 60.5, 29.2, 63.5, 27.2);
-  cairo_curve_to(cr, 65.5, 26.0, 68.0, 28.2, 72.0, 26.6);
+  cairo_move_to(cr, 50.0, 23.0);
+  cairo_curve_to(cr, 52.0, 19.6, 53.0, 24.0, 55.5, 21.4);
+  cairo_curve_to(cr, 57.5, 19.4, 58.5, 23.4, 61.5, 21.6);
+  cairo_curve_to(cr, 63.5, 20.6, 66.0, 22.5, 70.0, 21.0);
   cairo_stroke(cr);
 }
 
@@ -287,8 +288,8 @@ CardTexture makeCardTexture(const std::string& codeText, double pixelsPerMm) {
       setColor(cr.get(), kBand);
       cairo_rectangle(cr.get(), kBandMm.x, kBandMm.y, kBandMm.width, kBandMm.height);
       cairo_fill(cr.get());
-      drawText(cr.get(), "IDENTITY CARD", 4.0, 3.0, 3.4, true, kNavy);
-      drawText(cr.get(), "REPUBLIC OF KWQ", 82.0, 4.0, 2.0, true, kNavy, true);
+      drawText(cr.get(), "IDENTITY CARD", 4.0, 2.3, 3.0, true, kNavy);
+      drawText(cr.get(), "REPUBLIC OF KWQ", 82.0, 3.0, 1.8, true, kNavy, true);
       drawPortrait(cr.get());
       drawFields(cr.get());
       if (auto code = encodePdf417(codeText)) texture.codeMm = drawCode(cr.get(), *code);

@@ -25,7 +25,7 @@ struct SyntheticSceneOptions {
   /// The portrait scene's photograph; one that cannot be read leaves the scene without it.
   std::string portraitPath = kPortraitPhotoPath;
   /// Text of the PDF417 code printed on the card.
-  std::string codeText = "KWQIMAGE SYNTHETIC CARD 0001";
+  std::string codeText = std::string(kSyntheticCardAAMVAText);
   /// False films the background alone (frames without a card).
   bool showCard = true;
   /// Gaussian blur of the whole picture, in pixels (0: sharp).

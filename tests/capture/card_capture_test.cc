@@ -152,7 +152,8 @@ TEST(CardCapture, SyntheticAAMVARecordParsesAndItsReadRateIsMeasured) {
 
   // How often the engine's reader reads each text on the synthetic camera's frames (every
   // 30th frame of the 60 s path where the code is in the picture), and from the flattened
-  // card. The default text must read on every frame; the AAMVA record is measured.
+  // card. A short text reads on every frame; the record, the card's default, reads on some
+  // frames and on every flattened card, so a stable card always brings its record.
   const std::vector<std::string> pdf417{std::string(AVMetadataObjectTypePDF417Code)};
   const auto detector = makeCardRectangleDetector();
   for (const std::string text :
@@ -185,10 +186,11 @@ TEST(CardCapture, SyntheticAAMVARecordParsesAndItsReadRateIsMeasured) {
     std::printf("%s: read on %d of %d frames, on %d of %d flattened cards\n",
                 text.size() > 40 ? "AAMVA record" : text.c_str(), readFrame, frames, readCard,
                 cards);
-    if (text.size() < 40) {
+    EXPECT_EQ(readCard, cards);
+    if (text.size() < 40)
       EXPECT_EQ(readFrame, frames);
-      EXPECT_EQ(readCard, cards);
-    }
+    else
+      EXPECT_GE(readFrame * 5, frames);
   }
 }
 

@@ -15,6 +15,7 @@
 #include <set>
 #include <vector>
 
+#include <kwqimage/AAMVA.h>
 #include <kwqimage/DeviceOrientation.h>
 #include <kwqimage/Image.h>
 #include <kwqimage/KWQCameraRollHelper.h>
@@ -372,13 +373,37 @@ std::set<std::string> moviesIn(const std::string& folder) {
   return movies;
 }
 
+// A code's text for a terminal line: a licence record by its number and holder, any other
+// text with control characters spelt out (\n, \x1e) and cut to `width` characters.
+std::string printableCode(const std::string& text, size_t width) {
+  if (const AAMVAParseResult record = parseAAMVA(text); record.ok()) {
+    const AAMVARecord& r = *record.record;
+    return "AAMVA " + r.customerId + " " + r.familyName + ", " + r.givenName;
+  }
+  std::string out;
+  for (const char c : text) {
+    const auto u = static_cast<unsigned char>(c);
+    if (c == '\n')
+      out += "\\n";
+    else if (c == '\r')
+      out += "\\r";
+    else if (u < 0x20 || u == 0x7f) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", u);
+      out += escaped;
+    } else
+      out += c;
+  }
+  if (out.size() > width) out = out.substr(0, width - 3) + "...";
+  return out;
+}
+
 std::string progressLine(const CaptureMonitor& monitor, const KWQVideoHelper& engine,
                          const CaptureOptions& options, bool synthetic, Clock::time_point start) {
   const uint64_t frames = monitor.frames();
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  std::string code = engine.parsedData().value_or("");
+  std::string code = printableCode(engine.parsedData().value_or(""), 40);
   if (code.empty()) code = "-";
-  if (code.size() > 40) code = code.substr(0, 37) + "...";
   std::string line = "frames " + std::to_string(frames);
   if (options.frames) line += "/" + std::to_string(*options.frames);
   line += "  " + format("%.1f", seconds > 0 ? frames / seconds : 0.0) + " fps";
@@ -691,7 +716,8 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
                    .set("text", code.text ? Json(*code.text) : Json())
                    .set("frames", frames));
     codeRows += (codeRows.empty() ? "" : "; ") + code.type + " \"" +
-                code.text.value_or("(not text)") + "\" x" + std::to_string(frames);
+                (code.text ? printableCode(*code.text, 60) : "(not text)") + "\" x" +
+                std::to_string(frames);
   }
   addEntry(e, "codes", "codes read", std::move(codes), codeRows.empty() ? "-" : codeRows);
   addEntry(e, "frame_step_p50_ms", "frame step p50 ms", percentile(s.stepMs, 0.50),

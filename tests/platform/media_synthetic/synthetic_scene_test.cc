@@ -122,7 +122,7 @@ double edgeOffset(const cv::Mat& gray, cv::Point2f a, cv::Point2f b, cv::Point2f
 
 // Sub-pixel: the card's outline (antialiased by coverage) and its print (the warped texture)
 // both sit where the truth says: the four card edges, the code's start bar, and the bottom of
-// the photo (dark shoulders over card stock, 29.5 mm from the top, 4 to 19 mm across).
+// the photo (dark shoulders over card stock, 23.7 mm from the top, 4 to 16 mm across).
 TEST(SyntheticSceneTruth, EdgesAndPrintSitOnTheTruthToSubPixels) {
   SyntheticScene scene({});
   for (uint64_t i : {0, 333, 610, 900, 1250, 1700}) {
@@ -138,7 +138,7 @@ TEST(SyntheticSceneTruth, EdgesAndPrintSitOnTheTruthToSubPixels) {
     const cv::Mat h = cv::getPerspectiveTransform(
         std::vector<cv::Point2f>{{0, 0}, {86, 0}, {86, 54}, {0, 54}}, q);
     std::vector<cv::Point2f> photo;
-    cv::perspectiveTransform(std::vector<cv::Point2f>{{4, 29.5f}, {19, 29.5f}, {11, 20}}, photo, h);
+    cv::perspectiveTransform(std::vector<cv::Point2f>{{4, 23.7f}, {16, 23.7f}, {10, 16}}, photo, h);
     EXPECT_NEAR(edgeOffset(gray, photo[0], photo[1], photo[2]), 0.0, 0.25) << i;
   }
 }
