@@ -98,11 +98,11 @@ void KWQVideoHelper::captureOutput(VideoDataOutput&, const SampleBuffer& sampleB
       }
       if (cardDelegate) {
         // The detector reports one feature; a positive count after this frame's step means it
-        // was accepted as a card.
-        const platform::RectangleFeature* seen =
-            !features.empty() && accepted > 0 ? &features.front() : nullptr;
+        // was accepted as a card, and a published card rect that it is stable. A rejected one
+        // (a tilted card, or a rectangle of another shape) is judged by its shape.
+        const platform::RectangleFeature* seen = features.empty() ? nullptr : &features.front();
         const CardCaptureSettings settings = cardDelegate->cardCaptureSettings();
-        CardCapture live = analyseCard(sampleBuffer, seen, seen && card != Rect::zero(),
+        CardCapture live = analyseCard(sampleBuffer, seen, accepted > 0 && card != Rect::zero(),
                                        d.get(&State::parsedData), settings);
         const CardCapture& best = d.cardKeeper.offer(live, d.cardCaptureFrames++, settings);
         cardDelegate->cardCaptureDidUpdate(live, best);

@@ -88,6 +88,15 @@ CardCapture analyseCard(const SampleBuffer& frame, const platform::RectangleFeat
     if (codeText && !codeText->empty()) c.codeText = codeText;
     if (!feature) {
       c.reasons.push_back("no card in the picture");
+      // In a dark room the card is lost with the light: say so, rather than that there is
+      // no card.
+      const std::optional<double> light = platform::frameBrightness(buffer);
+      if (light && *light < settings.minBrightness) {
+        c.guidance = CardGuidance::TooDark;
+        c.brightness = *light;
+        c.reasons.push_back("the picture's mean gray level is " + number(*light) + ", needs " +
+                            number(settings.minBrightness));
+      }
       return c;
     }
     c.corners = cardCornersTopDown(*feature, c.frameSize.height);
@@ -101,6 +110,18 @@ CardCapture analyseCard(const SampleBuffer& frame, const platform::RectangleFeat
       return c;
     }
     if (!stable) {
+      // A rectangle far from a card's shape is something else (a square note, a phone); one
+      // near it is a card that is tilted or still moving.
+      const double height =
+          0.5 * (distance(c.corners[0], c.corners[3]) + distance(c.corners[1], c.corners[2]));
+      const double aspect = height > 0 ? width / height : 0.0;
+      constexpr double kCardAspect = 86.0 / 54.0, kShapeSlack = 1.35;
+      if (!(aspect > kCardAspect / kShapeSlack && aspect < kCardAspect * kShapeSlack)) {
+        c.guidance = CardGuidance::NoCard;
+        c.reasons.push_back("the rectangle in the picture is " + number(aspect) +
+                            " times as wide as high, a card " + number(kCardAspect));
+        return c;
+      }
       c.guidance = CardGuidance::HoldStill;
       c.reasons.push_back("the card has not held its shape long enough");
       return c;

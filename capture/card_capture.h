@@ -19,10 +19,11 @@ namespace kwq {
 std::array<Point, 4> cardCornersTopDown(const platform::RectangleFeature& feature,
                                         double frameHeight);
 
-/// One frame's analysis. `feature` is the card the detector accepted on this frame (null when
-/// it accepted none), `stable` whether the engine holds a stable card, `codeText` the engine's
-/// latest code text. The card is flattened and measured only when it is stable and large
-/// enough. Never throws. Thread: any.
+/// One frame's analysis. `feature` is the rectangle the detector found on this frame (null when
+/// none), `stable` whether the card rule accepted it and the engine holds a stable card,
+/// `codeText` the engine's latest code text. An unstable rectangle of about a card's shape asks
+/// to hold still, one of another shape counts as no card. The card is flattened and measured
+/// only when it is stable and large enough. Never throws. Thread: any.
 CardCapture analyseCard(const SampleBuffer& frame, const platform::RectangleFeature* feature,
                         bool stable, const std::optional<std::string>& codeText,
                         const CardCaptureSettings& settings);

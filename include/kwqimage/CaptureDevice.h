@@ -104,6 +104,9 @@ struct SyntheticCameraOptions {
   double noiseSigma = 0.0;
   /// Slow brightness drift as a fraction of the exposure (0: steady).
   double exposureDrift = 0.0;
+  /// Share of one-second spans (0..1, chosen per span from the seed) filmed in dim light, at
+  /// kSyntheticDimExposure of the normal exposure: a room light switched off, a hand's shadow.
+  double dimProbability = 0.0;
   /// Share of frames (0..1, chosen per frame from the seed) on which a specular highlight
   /// shines on the card: a saturated hotspot about an eighth of the card's width across.
   double glareProbability = 0.0;

@@ -25,7 +25,7 @@ enum class CardGuidance : uint8_t {
   NoCard,      ///< no card in the picture
   MoveCloser,  ///< the card is too small in the picture
   HoldStill,   ///< a card is there but has not held its shape long enough
-  TooDark,     ///< the card is underexposed
+  TooDark,     ///< the card is underexposed, or no card is found in a dark picture
   Glare,       ///< specular highlights on the card
   OutOfFocus,  ///< the card is blurred
   Ok,          ///< a good capture
@@ -88,7 +88,9 @@ struct CardCapture {
   /// A printed card in focus scores about 150 to 180 (a 2-pixel blur at 720p about 120, a
   /// 3-pixel one about 90); 0 without a card picture.
   double sharpness = 0.0;
-  /// Mean gray level of the card, 0..255 (0 without a card picture).
+  /// Mean gray level of the card, 0..255, leaving out specular highlights and their halo (so
+  /// a hotspot does not lift a dim card). Without a card: the whole picture's when it is
+  /// too dark to find one (guidance too_dark), else 0.
   double brightness = 0.0;
   CardGlare glare;
   /// The PDF417 text: the engine's latest code text, else read from the flattened card.

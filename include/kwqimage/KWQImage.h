@@ -11,12 +11,12 @@
 // Conversion, geometry and the PNG store.
 #include "kwqimage/Color.h"
 #include "kwqimage/Detectors.h"
-#include "kwqimage/Threads.h"
 #include "kwqimage/DeviceOrientation.h"
 #include "kwqimage/KWQCameraRollHelper.h"
 #include "kwqimage/KWQImageDictionary.h"
 #include "kwqimage/KWQImagingHelperClass.h"
 #include "kwqimage/SampleBuffer.h"
+#include "kwqimage/Threads.h"
 
 // The capture engine, its capture layer, layers and queues.
 #include "kwqimage/AAMVA.h"

@@ -21,6 +21,9 @@ namespace kwq {
 /// Frames a second of every synthetic camera; frame n carries the time stamp n / 30 s.
 inline constexpr int kSyntheticFrameRate = 30;
 
+/// The exposure of a dim span (SyntheticCameraOptions::dimProbability), relative to normal.
+inline constexpr double kSyntheticDimExposure = 0.3;
+
 /// Ground truth of one synthetic frame, in the frame's pixel coordinates with the origin at
 /// the top left and y down; pixel (i, j) covers [i, i + 1) x [j, j + 1), so the picture spans
 /// [0, width] x [0, height]. Corners are given even where they lie outside the picture. Only
@@ -48,6 +51,9 @@ struct SyntheticFrameTruth {
   bool glareVisible = false;
   Point glareCentre;
   double glareRadius = 0.0;
+  /// The scene's light on this frame relative to normal: the drift (exposureDrift) times
+  /// kSyntheticDimExposure in a dim span. A torch or flash the camera fires comes on top.
+  double exposure = 1.0;
 
   // The portrait scene. Without the photograph every face field keeps its default.
 

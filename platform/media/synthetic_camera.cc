@@ -175,6 +175,7 @@ class SyntheticBackend final : public CameraBackend,
     s.blurSigma = options_.blurSigma;
     s.noiseSigma = options_.noiseSigma;
     s.exposureDrift = options_.exposureDrift;
+    s.dimProbability = options_.dimProbability;
     s.glareProbability = options_.glareProbability;
     s.seed = options_.seed;
     return s;

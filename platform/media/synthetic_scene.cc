@@ -21,6 +21,8 @@ constexpr double kMaxBlurSigma = 50.0;
 constexpr double kMaxLightGain = 64.0;
 // The exposure drifts with a period of 7.5 s, a whole fraction of the motion's period.
 constexpr uint64_t kDriftPeriodFrames = 225;
+// Dim light comes and goes in whole seconds.
+constexpr uint64_t kDimSpanFrames = 30;
 // Sensor noise comes from one table of Gaussian samples read at a per-row offset that is
 // hashed from the frame index: cheap, and deterministic per frame without any shared state.
 constexpr size_t kNoiseTableSize = size_t{1} << 20;
@@ -35,6 +37,22 @@ double finiteOr(double v, double fallback) {
 }
 
 using Quad = std::array<cv::Point2d, 4>;
+
+// The scene's light on a frame relative to normal: the slow drift, times the dim exposure in
+// the one-second spans the seed picks.
+double sceneExposure(const SyntheticSceneOptions& o, uint64_t frameIndex) {
+  const double drift = finiteOr(o.exposureDrift, 0.0);
+  const double seedPhase = static_cast<double>(mixBits(o.seed) % 1024) / 1024.0;
+  const double cycle = static_cast<double>(frameIndex % kDriftPeriodFrames) / kDriftPeriodFrames;
+  double exposure = std::max(0.0, 1.0 + drift * std::sin(2.0 * kPi * (cycle + seedPhase)));
+  const double dimChance = std::clamp(finiteOr(o.dimProbability, 0.0), 0.0, 1.0);
+  if (dimChance > 0.0) {
+    const uint64_t key = mixBits(o.seed ^ mixBits(frameIndex / kDimSpanFrames + 0x51ED));
+    if (static_cast<double>(key % 1000000) / 1000000.0 < dimChance)
+      exposure *= kSyntheticDimExposure;
+  }
+  return exposure;
+}
 
 // Signed distances (pixels, positive inside) of a point to the quadrilateral's four edges,
 // each as a x + b y + c with (a, b) a unit normal.
@@ -159,6 +177,7 @@ SyntheticFrameTruth SyntheticScene::truth(uint64_t frameIndex) const {
   SyntheticFrameTruth truth;
   truth.frameIndex = frameIndex;
   const Impl& d = *impl_;
+  truth.exposure = sceneExposure(d.options, frameIndex);
   if (d.options.kind == SyntheticSceneKind::Portrait) {
     if (d.portrait && !d.portrait->empty())
       setPortraitTruth(portraitViewAt(frameIndex, d.options.width, d.options.height),
@@ -314,11 +333,8 @@ SyntheticFrameTruth SyntheticScene::render(uint64_t frameIndex,
         kMaxBlurSigma, std::hypot(sigma(d.options.blurSigma), sigma(effects.defocusSigma)));
     if (blur >= 0.05) cv::GaussianBlur(out, out, cv::Size(), blur, blur, cv::BORDER_REFLECT_101);
 
-    const double drift = finiteOr(d.options.exposureDrift, 0.0);
-    const double seedPhase = static_cast<double>(mixBits(d.options.seed) % 1024) / 1024.0;
-    const double cycle = static_cast<double>(frameIndex % kDriftPeriodFrames) / kDriftPeriodFrames;
-    const double exposure = std::max(0.0, 1.0 + drift * std::sin(2.0 * kPi * (cycle + seedPhase)));
-    const double gain = std::clamp(finiteOr(effects.lightGain, 1.0), 0.0, kMaxLightGain) * exposure;
+    const double gain =
+        std::clamp(finiteOr(effects.lightGain, 1.0), 0.0, kMaxLightGain) * truth.exposure;
     if (std::abs(gain - 1.0) > 1e-9) {
       out.convertTo(out, -1, gain);
       out |= cv::Scalar(0, 0, 0, 255);  // alpha scaled with the rest; opaque again

@@ -34,6 +34,9 @@ struct SyntheticSceneOptions {
   double noiseSigma = 0.0;
   /// Amplitude of a slow brightness drift as a fraction of the exposure (0: steady).
   double exposureDrift = 0.0;
+  /// Share of one-second spans (0..1, chosen per span from the seed) filmed in dim light, at
+  /// kSyntheticDimExposure of the normal exposure: a room light switched off, a hand's shadow.
+  double dimProbability = 0.0;
   /// Share of frames with a specular highlight on the card (0..1; chosen per frame from the
   /// seed): a hotspot that saturates a disc of radius 1/16 of the card's width and fades
   /// beyond it, somewhere on the card's middle. Drawn after blur and light (it saturates at any

@@ -70,6 +70,23 @@ cv::Mat plane(const PixelBuffer& b, size_t i, int type) {
                  b.baseAddressOfPlane(i), b.bytesPerRowOfPlane(i));
 }
 
+// The mean gray level of `gray` with its highlights left out: a hotspot, and the halo around
+// it out to twice its radius, tell nothing of the exposure and would lift a dim card over the
+// dark threshold. `all` (the mean of every pixel) when highlights cover most of the picture.
+double unlitMean(const cv::Mat& gray, double glareLevel, double all) {
+  cv::Mat lit;
+  cv::compare(gray, cv::Scalar(std::clamp(glareLevel, 0.0, 255.0)), lit, cv::CMP_GE);
+  const int count = cv::countNonZero(lit);
+  if (count == 0) return all;
+  const int reach = static_cast<int>(std::ceil(2.0 * std::sqrt(count / CV_PI)));
+  cv::dilate(lit, lit,
+             cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * reach + 1, 2 * reach + 1)));
+  cv::Mat unlit;
+  cv::bitwise_not(lit, unlit);
+  if (cv::countNonZero(unlit) * 4 < static_cast<int>(gray.total())) return all;
+  return cv::mean(gray, unlit)[0];
+}
+
 void measure(const cv::Mat& gray, double glareLevel, CardImage& out) {
   cv::Mat small;
   cv::resize(gray, small, cv::Size(gray.cols / kMeasureReduction, gray.rows / kMeasureReduction), 0,
@@ -84,7 +101,7 @@ void measure(const cv::Mat& gray, double glareLevel, CardImage& out) {
   cv::meanStdDev(small(inner), gm, gs);
   const double rms = std::sqrt(lm[0] * lm[0] + ls[0] * ls[0]);
   out.sharpness = 100.0 * rms / std::max(gs[0], 1.0);
-  out.brightness = gm[0];
+  out.brightness = unlitMean(small(inner), glareLevel, gm[0]);
 
   // Highlights on the full-size card: a small hotspot would be averaged away on the reduced one.
   cv::Mat glare;
@@ -106,6 +123,30 @@ void measure(const cv::Mat& gray, double glareLevel, CardImage& out) {
 size_t cardImageHeight(size_t width) {
   const size_t h = static_cast<size_t>(std::lround(static_cast<double>(width) * 54.0 / 86.0));
   return (h + 1) / 2 * 2;
+}
+
+std::optional<double> frameBrightness(const PixelBuffer& frame) {
+  constexpr size_t kStep = 8;
+  const uint32_t format = frame.pixelFormat();
+  if (frame.isNull() || (!is420(format) && format != kPixelFormatBGRA)) return std::nullopt;
+  ReadLock lock(frame);
+  const uint8_t* base = lock.locked ? frame.baseAddressOfPlane(0) : nullptr;
+  const size_t w = frame.widthOfPlane(0), h = frame.heightOfPlane(0);
+  const size_t rowBytes = frame.bytesPerRowOfPlane(0);
+  const size_t pixelBytes = is420(format) ? 1 : 4;
+  if (!base || w == 0 || h == 0 || rowBytes < w * pixelBytes) return std::nullopt;
+  double sum = 0;
+  size_t count = 0;
+  for (size_t y = kStep / 2; y < h; y += kStep) {
+    const uint8_t* row = base + y * rowBytes;
+    for (size_t x = kStep / 2; x < w; x += kStep, ++count) {
+      const uint8_t* p = row + x * pixelBytes;
+      // BT.601 luma of premultiplied BGRA; a 420 frame's luma plane as it is.
+      sum += pixelBytes == 1 ? p[0] : 0.114 * p[0] + 0.587 * p[1] + 0.299 * p[2];
+    }
+  }
+  if (count == 0) return std::nullopt;
+  return sum / static_cast<double>(count);
 }
 
 std::optional<CardImage> flattenCard(const PixelBuffer& frame, const std::array<Point, 4>& corners,

@@ -31,7 +31,7 @@ struct CardImage {
   /// of its gray-level standard deviation, times 100: rises with detail, falls with blur, and
   /// does not depend on how large the card was in the frame or how bright the light.
   double sharpness = 0.0;
-  /// Mean gray level of the card, 0..255.
+  /// Mean gray level of the card's inner part, 0..255, highlights and their halo left out.
   double brightness = 0.0;
   /// Share of the full-size card's pixels at or above the glare level, 0..1.
   double glareFraction = 0.0;
@@ -52,5 +52,10 @@ size_t cardImageHeight(size_t width);
 /// read-only for the call.
 std::optional<CardImage> flattenCard(const PixelBuffer& frame, const std::array<Point, 4>& corners,
                                      const CardImageSettings& settings);
+
+/// Mean gray level of a 420f, 420v or BGRA frame, 0..255, sampled every 8th pixel of every
+/// 8th row: tells a dark room from an empty desk when no card is found. None for another
+/// format or a buffer that cannot be read. Thread: any; locks the buffer read-only.
+std::optional<double> frameBrightness(const PixelBuffer& frame);
 
 }  // namespace kwq::platform

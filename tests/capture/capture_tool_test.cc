@@ -16,6 +16,7 @@
 
 #include "../platform/capture/capture_test_support.h"
 #include "kwqimage/SyntheticCamera.h"
+#include "platform/media/synthetic_scene.h"
 #include "platform/vision/code_reader.h"
 #include "support/test_support.h"
 
@@ -220,12 +221,29 @@ TEST(CaptureTool, SnapshotRecordingFileCameraAndBadOptions) {
   // --record: the movie lands in the photo library (here a home of the test's own).
   const std::string home = (dir / "home").string();
   fs::create_directories(dir / "home" / "Documents");
-  run =
-      kwq("capture --frames 5 --record", "HOME=" + home + " XDG_CONFIG_HOME=" + home + "/.config");
+  // Half the seconds are dim; beside the movie, one line of card analysis per frame.
+  run = kwq("capture --frames 150 --dim 0.5 --record --codec h264",
+            "HOME=" + home + " XDG_CONFIG_HOME=" + home + "/.config");
   ASSERT_EQ(run.code, 0) << run.err;
   const std::string movie = run.summary()["movie"];
   EXPECT_EQ(movie.rfind(home + "/Pictures/FrontCardData", 0), 0u) << movie;
   EXPECT_TRUE(fs::is_regular_file(movie));
+  const std::string analysis = run.summary()["frame analysis"];
+  EXPECT_EQ(analysis, movie.substr(0, movie.size() - 4) + ".frames.jsonl");
+  std::ifstream lines(analysis);
+  platform::SyntheticScene truth({.dimProbability = 0.5});
+  int count = 0, dark = 0, agree = 0;
+  for (std::string line; std::getline(lines, line); ++count) {
+    const double time = jsonNumber(line, "time");
+    ASSERT_TRUE(std::isfinite(time)) << line;
+    const bool saidDark = line.find("\"guidance\": \"too_dark\"") != std::string::npos;
+    const bool isDark = truth.truth(static_cast<uint64_t>(std::lround(time * 30))).exposure < 0.5;
+    dark += isDark;
+    agree += saidDark == isDark;
+  }
+  EXPECT_EQ(std::to_string(count), run.summary()["frames delivered"]);
+  EXPECT_GE(dark, 30);
+  EXPECT_GE(agree, count - 3);  // a frame or two can be lost at a dim second's edge
 
   // A video file as the camera, in face mode: every frame is a delegate call.
   const std::string movieFile = test::makeTestMovie("capture-tool.avi", 15, 320, 240, 30);
@@ -235,10 +253,14 @@ TEST(CaptureTool, SnapshotRecordingFileCameraAndBadOptions) {
   EXPECT_EQ(run.summary()["delegate calls"], "10");
 
   // Options that cannot work: one line on stderr, exit 2, no run.
-  const std::vector<std::string> bad = {
-      "capture --camera no-such-camera",          "capture --camera " + snapshot,
-      "capture --snapshot /no/such/folder/x.png", "capture --mode face --snapshot " + snapshot,
-      "capture --frames 3 --seconds 1",           "capture --mode portrait"};
+  const std::vector<std::string> bad = {"capture --camera no-such-camera",
+                                        "capture --camera " + snapshot,
+                                        "capture --snapshot /no/such/folder/x.png",
+                                        "capture --mode face --snapshot " + snapshot,
+                                        "capture --frames 3 --seconds 1",
+                                        "capture --mode portrait",
+                                        "capture --glare 2",
+                                        "capture --dim 0.5 --camera " + movieFile};
   for (const std::string& args : bad) {
     run = kwq(args);
     EXPECT_EQ(run.code, 2) << args;

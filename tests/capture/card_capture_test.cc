@@ -194,22 +194,55 @@ TEST(CardCapture, SyntheticAAMVARecordParsesAndItsReadRateIsMeasured) {
   }
 }
 
-TEST(CardCapture, GlareVerdictMatchesTheHotspotsOnSyntheticFrames) {
-  // Half the frames carry a hotspot; exposure drifts by a quarter either way, so bright card
-  // stock must not pass for glare.
-  SyntheticScene scene({.exposureDrift = 0.25, .glareProbability = 0.5, .seed = 3});
-  const auto detector = makeCardRectangleDetector();
+// Precision and recall of a yes/no verdict against the truth.
+struct Tally {
   int truePositive = 0, falsePositive = 0, falseNegative = 0, trueNegative = 0;
-  for (uint64_t i = 0; i < 1800; i += 20) {
+  void add(bool said, bool truth) {
+    truePositive += said && truth;
+    falsePositive += said && !truth;
+    falseNegative += !said && truth;
+    trueNegative += !said && !truth;
+  }
+  double precision() const {
+    return truePositive / std::max(1.0, 1.0 * (truePositive + falsePositive));
+  }
+  double recall() const {
+    return truePositive / std::max(1.0, 1.0 * (truePositive + falseNegative));
+  }
+  void expectGood(const char* what) const {
+    std::printf(
+        "%s: %d true, %d false positives, %d missed, %d true negatives; precision %.3f "
+        "recall %.3f\n",
+        what, truePositive, falsePositive, falseNegative, trueNegative, precision(), recall());
+    EXPECT_GE(truePositive, 20) << what;
+    EXPECT_GE(trueNegative, 20) << what;
+    EXPECT_GE(precision(), 0.95) << what;
+    EXPECT_GE(recall(), 0.95) << what;
+  }
+};
+
+TEST(CardCapture, GlareAndDarkVerdictsMatchTheSyntheticTruth) {
+  // Half the frames carry a hotspot and a third of the seconds are dim; exposure drifts by a
+  // quarter either way besides, so bright card stock must not pass for glare, nor the
+  // drift's low point for darkness.
+  SyntheticScene scene(
+      {.exposureDrift = 0.25, .dimProbability = 0.4, .glareProbability = 0.5, .seed = 3});
+  const auto detector = makeCardRectangleDetector();
+  Tally glare, dark;
+  bool savedGlare = false, savedDark = false;
+  for (uint64_t i = 0; i < 1800; i += 10) {
     const Shot s = shoot(scene, i);
     if (!s.truth.cardFullyVisible) continue;
     const auto f = detector->featuresInImage(s.frame);
     if (f.empty()) continue;
     const CardCapture c = analyseCard(s.frame, &f[0], true, std::nullopt, {});
-    const bool said = c.glare.areaFraction > CardCaptureSettings{}.maxGlareFraction;
-    EXPECT_EQ(said, c.guidance == CardGuidance::Glare) << i;
-    if (said && s.truth.glareVisible) {
-      ++truePositive;
+    // Darkness speaks first; a hotspot is measured whatever the light (it saturates).
+    const bool saidDark = c.guidance == CardGuidance::TooDark;
+    const bool saidGlare = c.glare.areaFraction > CardCaptureSettings{}.maxGlareFraction;
+    EXPECT_EQ(saidGlare && !saidDark, c.guidance == CardGuidance::Glare) << i;
+    dark.add(saidDark, s.truth.exposure < 0.5);
+    glare.add(saidGlare, s.truth.glareVisible);
+    if (saidGlare && s.truth.glareVisible) {
       // The highlight's centre, taken back into the frame, lies on the hotspot.
       const double u = c.glare.centre.x / c.card.width(), v = c.glare.centre.y / c.card.height();
       const auto& k = c.corners;
@@ -220,22 +253,53 @@ TEST(CardCapture, GlareVerdictMatchesTheHotspotsOnSyntheticFrames) {
       EXPECT_LT(std::hypot(x - s.truth.glareCentre.x, y - s.truth.glareCentre.y),
                 s.truth.glareRadius)
           << i;
+      if (!savedGlare) savedGlare = c.card.writePNG(test::outputDir() + "/card_capture_glare.png");
     }
-    falsePositive += said && !s.truth.glareVisible;
-    falseNegative += !said && s.truth.glareVisible;
-    trueNegative += !said && !s.truth.glareVisible;
-    if (said && truePositive == 1) c.card.writePNG(test::outputDir() + "/card_capture_glare.png");
+    if (saidDark && !savedDark)
+      savedDark = c.card.writePNG(test::outputDir() + "/card_capture_dark.png");
   }
-  const double precision = truePositive / std::max(1.0, 1.0 * (truePositive + falsePositive));
-  const double recall = truePositive / std::max(1.0, 1.0 * (truePositive + falseNegative));
-  std::printf(
-      "glare: %d true, %d false positives, %d missed, %d true negatives; precision %.3f "
-      "recall %.3f\n",
-      truePositive, falsePositive, falseNegative, trueNegative, precision, recall);
-  EXPECT_GE(truePositive, 20);
-  EXPECT_GE(trueNegative, 20);
-  EXPECT_GE(precision, 0.95);
-  EXPECT_GE(recall, 0.95);
+  glare.expectGood("glare");
+  dark.expectGood("too dark");
+}
+
+TEST(CardCapture, BestIsGlareFreeThenLitThenSharpestWithinItsWindow) {
+  // Captures as the analysis makes them; only what the ranking reads is set.
+  auto capture = [](double sharpness, double glare, double brightness, double x = 100) {
+    CardCapture c;
+    c.card = Image::withoutBitmap({8, 5});
+    c.guidance = CardGuidance::Ok;
+    c.sharpness = sharpness;
+    c.glare.areaFraction = glare;
+    c.brightness = brightness;
+    c.corners = {Point{x, 100}, Point{x + 500, 100}, Point{x + 500, 414}, Point{x, 414}};
+    return c;
+  };
+  CardCaptureSettings settings;
+  settings.readCode = false;
+  CardCaptureKeeper keeper;
+  uint64_t frame = 0;
+  auto offer = [&](CardCapture c) { return keeper.offer(c, frame++, settings).sharpness; };
+
+  CardCapture first = capture(150, 0, 120);
+  first.codeText = "CODE 1";
+  EXPECT_EQ(offer(first), 150);
+  EXPECT_EQ(offer(capture(400, 0.01, 120)), 150);  // sharper, but with glare
+  EXPECT_EQ(offer(capture(400, 0, 40)), 150);      // sharper, but too dark
+  CardCapture nothing;                             // no card on this frame
+  EXPECT_EQ(offer(nothing), 150);
+  CardCapture sharper = capture(160, 0, 120);
+  EXPECT_EQ(offer(sharper), 160);
+  // The same card keeps the text read from an earlier best.
+  EXPECT_EQ(keeper.best().codeText, "CODE 1");
+  // Past the window any flattened card replaces the best, and a card elsewhere in the
+  // picture does not inherit the text.
+  frame += settings.bestWindowFrames;
+  EXPECT_EQ(offer(capture(90, 0.01, 120, 600)), 90);
+  EXPECT_EQ(keeper.best().codeText, std::nullopt);
+  // A glare-free capture beats the glare one whatever its sharpness.
+  EXPECT_EQ(offer(capture(50, 0, 120, 600)), 50);
+  keeper.reset();
+  EXPECT_TRUE(keeper.best().card.isNull());
 }
 
 // A host that takes card captures, and optionally the frame call too.

@@ -321,10 +321,19 @@ class CaptureMonitor final : public CaptureVideoDataOutputSampleBufferDelegate,
   SampleBuffer firstStableSample_;
 };
 
-// A synthetic camera like `camera` that films the portrait.
-std::shared_ptr<CaptureDevice> portraitCameraLike(const CaptureDevice& camera) {
+// The synthetic camera settings the run asks for: the card or the portrait, glare, dim light.
+SyntheticCameraOptions syntheticOptions(const CaptureOptions& run) {
   SyntheticCameraOptions options;
-  options.scene = SyntheticSceneKind::Portrait;
+  if (!run.cardMode) options.scene = SyntheticSceneKind::Portrait;
+  options.glareProbability = run.glare;
+  options.dimProbability = run.dim;
+  return options;
+}
+
+// A synthetic camera like `camera` (its position, id and name) with the run's settings.
+std::shared_ptr<CaptureDevice> syntheticCameraLike(const CaptureDevice& camera,
+                                                   const CaptureOptions& run) {
+  SyntheticCameraOptions options = syntheticOptions(run);
   options.position = camera.position();
   options.uniqueID = camera.uniqueID();
   options.localizedName = camera.localizedName();
@@ -528,12 +537,11 @@ bool pathsWritable(const CaptureOptions& options, std::ostream& err) {
 
 // The camera to switch to with --toggle-at: a synthetic camera of the other position filming
 // the same scene, so that a machine without a second camera can show the switch.
-std::shared_ptr<CaptureDevice> partnerFor(const CaptureDevice& camera, bool cardMode) {
-  SyntheticCameraOptions options;
+std::shared_ptr<CaptureDevice> partnerFor(const CaptureDevice& camera, const CaptureOptions& run) {
+  SyntheticCameraOptions options = syntheticOptions(run);
   options.position = camera.position() == AVCaptureDevicePositionFront
                          ? AVCaptureDevicePositionBack
                          : AVCaptureDevicePositionFront;
-  if (!cardMode) options.scene = SyntheticSceneKind::Portrait;
   return CaptureDevice::syntheticCamera(options);
 }
 
@@ -557,12 +565,19 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
   std::shared_ptr<CaptureDevice> camera = chooseCamera(options.camera, err);
   if (!camera) return 2;
   // Synthetic cameras film the card; face mode films the portrait instead.
-  if (!options.cardMode && isSyntheticCamera(*camera)) camera = portraitCameraLike(*camera);
+  if (isSyntheticCamera(*camera)) {
+    if (!options.cardMode || options.glare > 0 || options.dim > 0)
+      camera = syntheticCameraLike(*camera, options);
+  } else if (options.glare > 0 || options.dim > 0) {
+    err << "kwq capture: --glare and --dim set up the synthetic camera; " << camera->uniqueID()
+        << " is not one\n";
+    return 2;
+  }
 
   // The engine takes the first camera at its position: make ours the first one. Switching
   // cameras needs one of the other position as well.
   std::vector<std::shared_ptr<CaptureDevice>> devices{camera};
-  if (options.toggleAt) devices.push_back(partnerFor(*camera, options.cardMode));
+  if (options.toggleAt) devices.push_back(partnerFor(*camera, options));
   CaptureDevice::setDevices(devices);
   auto engine = KWQVideoHelper::create(AVCaptureSessionPresetHigh, camera->position(),
                                        AVLayerVideoGravityResizeAspect, kPixelFormat420f);

@@ -45,6 +45,10 @@ struct CaptureOptions {
   std::string still;
   /// Switch between the front and the back camera at this frame.
   std::optional<uint64_t> toggleAt;
+  /// Synthetic cameras only: the share of frames with a glare hotspot on the card, and of
+  /// seconds filmed in dim light (0..1), so that the glare and too-dark guidance can be seen.
+  double glare = 0.0;
+  double dim = 0.0;
 };
 
 /// `kwq capture`: runs the capture engine on a camera, shows progress (frames, fps, dropped

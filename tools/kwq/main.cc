@@ -61,6 +61,14 @@ int main(int argc, char** argv) {
                              "Switch between the front and the back camera at frame N");
   captureCommand->add_option("--out", capture.outDir,
                              "Write the best captured card to DIR/card.png and DIR/card.json");
+  captureCommand
+      ->add_option("--glare", capture.glare,
+                   "Synthetic camera: share of frames with a glare hotspot on the card (0..1)")
+      ->check(CLI::Range(0.0, 1.0));
+  captureCommand
+      ->add_option("--dim", capture.dim,
+                   "Synthetic camera: share of seconds filmed in dim light (0..1)")
+      ->check(CLI::Range(0.0, 1.0));
 
   std::vector<std::string> qualityFiles;
   CLI::App* quality = app.add_subcommand(

@@ -254,6 +254,25 @@ TEST(SyntheticSceneFrames, EffectsBlurBrightenAndAddNoise) {
   EXPECT_LT(lowest, 0.8);
   EXPECT_GT(highest, 1.2);
 
+  // Drift and dim seconds together, as the truth tells them: each frame's light over the
+  // steady scene's is its truth's exposure; dim seconds come whole, and about as often as asked.
+  options.dimProbability = 0.4;
+  SyntheticScene dimming(options);
+  int dimSeconds = 0;
+  for (uint64_t second = 0; second < 60; ++second) {
+    const SyntheticFrameTruth first = dimming.truth(second * 30);
+    EXPECT_EQ(dimming.truth(second * 30 + 29).exposure < 0.5, first.exposure < 0.5) << second;
+    dimSeconds += first.exposure < 0.5;
+    if (second % 6 == 0) {
+      const double ratio = cv::mean(luma(render(dimming, second * 30)))[0] /
+                           cv::mean(luma(render(sharp, second * 30)))[0];
+      EXPECT_NEAR(ratio, first.exposure, 0.02) << second;
+    }
+  }
+  EXPECT_GE(dimSeconds, 14);
+  EXPECT_LE(dimSeconds, 34);
+  options.dimProbability = 0.0;
+
   options.exposureDrift = 0.0;
   options.noiseSigma = 6.0;
   SyntheticScene noisy(options);
