@@ -113,7 +113,7 @@ platform::RectangleFeature featureOf(const std::array<Point, 4>& c, double heigh
 
 TEST(CardCapture, SharpnessFallsWithBlurAndKeepsAcrossCardSizes) {
   const platform::CardTexture texture =
-      platform::makeCardTexture("KWQIMAGE SYNTHETIC CARD 0001", 24.0);
+      platform::makeCardTexture(std::string(kSyntheticCardAAMVAText), 24.0);
   std::vector<double> bySize;
   for (double share : {0.3, 0.45, 0.6, 0.75, 0.9}) {
     const Shot s = placedCard(texture, share, 0.0);
