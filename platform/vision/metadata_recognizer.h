@@ -11,8 +11,9 @@ namespace kwq::platform {
 /// codes only while a code type is; faces come first in the result, then codes. The face
 /// recogniser is made when faces are first requested and dropped when they no longer are
 /// (tracking starts afresh), or when a frame's time stamp goes backwards or jumps by more
-/// than a second (a new run of the session, another camera). Runs on the output's worker,
-/// one frame at a time.
+/// than a second (a new run of the session, another camera). A PDF417 text is reported from its
+/// second read: the same text read on an earlier frame within 2 s (frames without a valid time
+/// stamp are not checked). Runs on the output's worker, one frame at a time.
 MetadataOutput::Impl::Recognizer makeMetadataRecognizer();
 
 }  // namespace kwq::platform

@@ -12,6 +12,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "platform/media/synthetic_scene.h"
+#include "platform/vision/metadata_recognizer.h"
 #include "support/test_support.h"
 #include "tests/support/code_scenes.h"
 
@@ -229,6 +230,44 @@ TEST(CodeReader, ReadsTheSyntheticCardWhereItsCodeIsWhole) {
   }
   EXPECT_GE(eligible, 30);
   EXPECT_GE(read * 100, eligible * 97) << read << " of " << eligible;
+}
+
+TEST(CodeReader, LivePdf417TextIsReportedFromItsSecondRead) {
+  // Two printed codes, each read on every frame it is shown; frames carry camera time stamps.
+  const cv::Mat background = photo("building.jpg");
+  auto frameWith = [&](const std::string& text) {
+    return test::printSymbol(background, test::writeSymbol(CodeKind::PDF417, text),
+                             pose(640, 360, 3, 0))
+        .bgra;
+  };
+  const cv::Mat first = frameWith("FIRST CODE 0001"), second = frameWith("SECOND CODE 0002");
+  const cv::Mat qr = test::printSymbol(background, test::writeSymbol(CodeKind::QR, "QR TEXT"),
+                                       pose(640, 360, 6, 0))
+                         .bgra;
+  auto at = [](const cv::Mat& bgra, double seconds) {
+    return SampleBuffer(test::frameFromBgra(bgra, kPixelFormat420f, 64),
+                        {static_cast<int64_t>(seconds * 30000), 30000}, {1000, 30000});
+  };
+  auto texts = [](const MetadataObjects& objects) {
+    std::vector<std::string> out;
+    for (const auto& o : objects)
+      out.push_back(dynamic_cast<const MetadataMachineReadableCodeObject&>(*o).stringValue.value_or(
+          "(none)"));
+    return out;
+  };
+  using Texts = std::vector<std::string>;
+  const auto recognize = makeMetadataRecognizer();
+  EXPECT_EQ(texts(recognize(at(first, 0.0), kBoth)), Texts{});  // first read: held back
+  EXPECT_EQ(texts(recognize(at(first, 0.1), kBoth)), Texts{"FIRST CODE 0001"});
+  EXPECT_EQ(texts(recognize(at(first, 0.2), kBoth)), Texts{"FIRST CODE 0001"});
+  EXPECT_EQ(texts(recognize(at(second, 0.3), kBoth)), Texts{});  // a new text starts over
+  EXPECT_EQ(texts(recognize(at(second, 0.4), kBoth)), Texts{"SECOND CODE 0002"});
+  // Reads further apart than two seconds do not confirm each other.
+  EXPECT_EQ(texts(recognize(at(first, 5.0), kBoth)), Texts{});
+  EXPECT_EQ(texts(recognize(at(first, 7.5), kBoth)), Texts{});
+  EXPECT_EQ(texts(recognize(at(first, 7.6), kBoth)), Texts{"FIRST CODE 0001"});
+  // QR codes, whose error correction does not let wrong texts through, come at once.
+  EXPECT_EQ(texts(recognize(at(qr, 8.0), kBoth)), Texts{"QR TEXT"});
 }
 
 TEST(CodeReader, BadFramesGiveNothing) {
