@@ -1,123 +1,81 @@
 #include "kwq/card_output.h"
 
-#include <cmath>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
+
+#include "kwq/json.h"
 
 namespace kwq::tool {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::string quoted(const std::string& s) {
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c < 0x20 || c == 0x7f) {
-          char esc[8];
-          std::snprintf(esc, sizeof esc, "\\u%04x", c);
-          out += esc;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
+Json point(Point p) {
+  return Json::numbers({p.x, p.y});
 }
 
-std::string num(double v) {
-  if (!std::isfinite(v)) return "null";
-  char s[32];
-  std::snprintf(s, sizeof s, "%.6g", v);
-  return s;
+Json corners(const CardCapture& c) {
+  if (c.guidance == CardGuidance::NoCard) return Json();
+  Json all = Json::array();
+  for (const Point& p : c.corners) all.push(point(p));
+  return all;
 }
 
-std::string point(Point p) {
-  return "[" + num(p.x) + ", " + num(p.y) + "]";
-}
-
-std::string corners(const CardCapture& c) {
-  if (c.guidance == CardGuidance::NoCard) return "null";
-  std::string s = "[";
-  for (size_t i = 0; i < 4; ++i) s += (i ? ", " : "") + point(c.corners[i]);
-  return s + "]";
-}
-
-std::string aamvaJson(const AAMVARecord& a) {
-  std::string s = "{";
-  auto field = [&s](const char* name, const std::string& value) {
-    if (value.empty()) return;
-    if (s.size() > 1) s += ", ";
-    s += quoted(name) + ": " + quoted(value);
+Json aamvaJson(const AAMVARecord& a) {
+  Json o = Json::object();
+  auto text = [&o](const char* name, const std::string& value) {
+    if (!value.empty()) o.set(name, value);
   };
-  field("iin", a.issuerIdentificationNumber);
-  field("aamva_version", std::to_string(a.aamvaVersion));
-  field("jurisdiction_version", std::to_string(a.jurisdictionVersion));
-  field("document_type", a.documentType);
-  field("family_name", a.familyName);
-  field("given_name", a.givenName);
-  field("middle_name", a.middleName);
-  field("customer_id", a.customerId);
-  field("document_discriminator", a.documentDiscriminator);
-  field("street", a.street);
-  field("city", a.city);
-  field("jurisdiction", a.jurisdiction);
-  field("postal_code", a.postalCode);
-  field("country", a.country);
-  field("vehicle_class", a.vehicleClass);
-  field("height", a.height);
-  field("eye_color", a.eyeColor);
-  static const char* kSex[] = {"", "male", "female"};
-  if (a.sex == AAMVASex::Male || a.sex == AAMVASex::Female)
-    field("sex", kSex[static_cast<int>(a.sex)]);
-  else if (a.sex == AAMVASex::NotSpecified)
-    field("sex", "not_specified");
-  if (a.dateOfBirth) field("date_of_birth", formatAAMVADate(*a.dateOfBirth));
-  if (a.expirationDate) field("expiration_date", formatAAMVADate(*a.expirationDate));
-  if (a.issueDate) field("issue_date", formatAAMVADate(*a.issueDate));
-  return s + "}";
+  text("iin", a.issuerIdentificationNumber);
+  o.set("aamva_version", a.aamvaVersion);
+  o.set("jurisdiction_version", a.jurisdictionVersion);
+  text("document_type", a.documentType);
+  text("family_name", a.familyName);
+  text("given_name", a.givenName);
+  text("middle_name", a.middleName);
+  text("customer_id", a.customerId);
+  text("document_discriminator", a.documentDiscriminator);
+  text("street", a.street);
+  text("city", a.city);
+  text("jurisdiction", a.jurisdiction);
+  text("postal_code", a.postalCode);
+  text("country", a.country);
+  text("vehicle_class", a.vehicleClass);
+  text("height", a.height);
+  text("eye_color", a.eyeColor);
+  if (a.sex == AAMVASex::Male) o.set("sex", "male");
+  if (a.sex == AAMVASex::Female) o.set("sex", "female");
+  if (a.sex == AAMVASex::NotSpecified) o.set("sex", "not_specified");
+  if (a.dateOfBirth) o.set("date_of_birth", formatAAMVADate(*a.dateOfBirth));
+  if (a.expirationDate) o.set("expiration_date", formatAAMVADate(*a.expirationDate));
+  if (a.issueDate) o.set("issue_date", formatAAMVADate(*a.issueDate));
+  return o;
 }
 
 }  // namespace
 
 std::string cardCaptureJson(const CardCapture& c) {
-  std::string reasons = "[";
-  for (size_t i = 0; i < c.reasons.size(); ++i) reasons += (i ? ", " : "") + quoted(c.reasons[i]);
-  reasons += "]";
-  std::string s = "{\n";
-  s += "  \"guidance\": " + quoted(cardGuidanceName(c.guidance)) + ",\n";
-  s += "  \"reasons\": " + reasons + ",\n";
-  s += "  \"sharpness\": " + num(c.sharpness) + ",\n";
-  s += "  \"brightness\": " + num(c.brightness) + ",\n";
-  s += "  \"glare\": {\"area_fraction\": " + num(c.glare.areaFraction) +
-       ", \"centre\": " + point(c.glare.centre) + ", \"box\": [" + num(c.glare.box.origin.x) +
-       ", " + num(c.glare.box.origin.y) + ", " + num(c.glare.box.size.width) + ", " +
-       num(c.glare.box.size.height) + "]},\n";
-  s += "  \"code_text\": " + (c.codeText ? quoted(*c.codeText) : std::string("null")) + ",\n";
-  s += "  \"aamva\": " + (c.aamva ? aamvaJson(*c.aamva) : std::string("null")) + ",\n";
-  s += "  \"corners\": " + corners(c) + ",\n";
-  s += "  \"frame_size\": [" + num(c.frameSize.width) + ", " + num(c.frameSize.height) + "],\n";
-  s += "  \"card_size\": [" + std::to_string(c.card.width()) + ", " +
-       std::to_string(c.card.height()) + "],\n";
-  s += "  \"time\": " + num(c.time) + "\n}\n";
-  return s;
+  Json reasons = Json::array();
+  for (const std::string& r : c.reasons) reasons.push(r);
+  const Rect& box = c.glare.box;
+  Json json = Json::object()
+                  .set("guidance", cardGuidanceName(c.guidance))
+                  .set("reasons", std::move(reasons))
+                  .set("sharpness", c.sharpness)
+                  .set("brightness", c.brightness)
+                  .set("glare", Json::object()
+                                    .set("area_fraction", c.glare.areaFraction)
+                                    .set("centre", point(c.glare.centre))
+                                    .set("box", Json::numbers({box.origin.x, box.origin.y,
+                                                               box.size.width, box.size.height})))
+                  .set("code_text", c.codeText ? Json(*c.codeText) : Json())
+                  .set("aamva", c.aamva ? aamvaJson(*c.aamva) : Json())
+                  .set("corners", corners(c))
+                  .set("frame_size", Json::numbers({c.frameSize.width, c.frameSize.height}))
+                  .set("card_size", Json::numbers({static_cast<double>(c.card.width()),
+                                                   static_cast<double>(c.card.height())}))
+                  .set("time", c.time);
+  return json.dump(JsonLayout::Lines) + "\n";
 }
 
 CardOutput::CardOutput(std::shared_ptr<KWQFrameDelegate> frames, bool keepFrames)
@@ -134,11 +92,14 @@ void CardOutput::cardCaptureDidUpdate(const CardCapture& live, const CardCapture
   std::lock_guard lock(mutex_);
   best_ = best;
   if (keepFrames_) {
-    lines_.push_back(
-        "{\"time\": " + num(live.time) +
-        ", \"guidance\": " + quoted(cardGuidanceName(live.guidance)) +
-        ", \"sharpness\": " + num(live.sharpness) + ", \"brightness\": " + num(live.brightness) +
-        ", \"glare\": " + num(live.glare.areaFraction) + ", \"corners\": " + corners(live) + "}");
+    lines_.push_back(Json::object()
+                         .set("time", live.time)
+                         .set("guidance", cardGuidanceName(live.guidance))
+                         .set("sharpness", live.sharpness)
+                         .set("brightness", live.brightness)
+                         .set("glare", live.glare.areaFraction)
+                         .set("corners", corners(live))
+                         .dump(JsonLayout::Spaced));
   }
 }
 

@@ -64,7 +64,10 @@ Json& Json::push(Json value) {
   return *this;
 }
 
-void Json::write(std::ostream& out) const {
+void Json::write(std::ostream& out, JsonLayout layout) const {
+  const char* comma = layout == JsonLayout::Compact ? "," : ", ";
+  const char* colon = layout == JsonLayout::Compact ? ":" : ": ";
+  const JsonLayout inner = layout == JsonLayout::Lines ? JsonLayout::Spaced : layout;
   switch (kind_) {
     case Kind::Null:
       out << "null";
@@ -90,27 +93,39 @@ void Json::write(std::ostream& out) const {
     case Kind::Array:
       out << '[';
       for (size_t i = 0; i < items_.size(); ++i) {
-        if (i) out << ',';
-        items_[i].write(out);
+        if (i) out << comma;
+        items_[i].write(out, inner);
       }
       out << ']';
       break;
     case Kind::Object:
+      if (layout == JsonLayout::Lines) {
+        out << "{\n";
+        for (size_t i = 0; i < items_.size(); ++i) {
+          out << "  ";
+          writeString(out, keys_[i]);
+          out << colon;
+          items_[i].write(out, inner);
+          out << (i + 1 < items_.size() ? ",\n" : "\n");
+        }
+        out << '}';
+        break;
+      }
       out << '{';
       for (size_t i = 0; i < items_.size(); ++i) {
-        if (i) out << ',';
+        if (i) out << comma;
         writeString(out, keys_[i]);
-        out << ':';
-        items_[i].write(out);
+        out << colon;
+        items_[i].write(out, inner);
       }
       out << '}';
       break;
   }
 }
 
-std::string Json::dump() const {
+std::string Json::dump(JsonLayout layout) const {
   std::ostringstream out;
-  write(out);
+  write(out, layout);
   return out.str();
 }
 

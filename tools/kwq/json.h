@@ -13,6 +13,10 @@
 
 namespace kwq::tool {
 
+/// How a value is laid out: one line with nothing between tokens, one line with a space after
+/// every comma and colon, or an object's members one to a line (each value then spaced).
+enum class JsonLayout { Compact, Spaced, Lines };
+
 class Json {
  public:
   /// null
@@ -36,10 +40,11 @@ class Json {
   /// Appends to an array; returns *this.
   Json& push(Json value);
 
-  /// One line; numbers that are whole print without a fraction, others with up to 6
-  /// significant digits past what is needed; NaN and infinities as null.
-  void write(std::ostream& out) const;
-  std::string dump() const;
+  /// One line (or a line a member, see JsonLayout); numbers that are whole print without a
+  /// fraction, others with up to 6 significant digits past what is needed; NaN and infinities as
+  /// null.
+  void write(std::ostream& out, JsonLayout layout = JsonLayout::Compact) const;
+  std::string dump(JsonLayout layout = JsonLayout::Compact) const;
 
  private:
   enum class Kind { Null, Bool, Number, String, Array, Object };
