@@ -21,9 +21,10 @@
 namespace kwq::platform {
 namespace {
 
-// Where the faulting thread jumps back to; null outside a fence. Touched by the thread itself
-// before it enters the fence, so the handler never makes the TLS block allocate.
-thread_local sigjmp_buf* tFence = nullptr;
+// Where the faulting thread jumps back to; null outside a fence. Initial-exec TLS: the handler
+// also reads it on threads that never entered a fence (a fault elsewhere), and must not make
+// the dynamic loader allocate there, as it would for a dlopen'ed library's TLS.
+__attribute__((tls_model("initial-exec"))) thread_local sigjmp_buf* tFence = nullptr;
 
 struct sigaction gPreviousSegv, gPreviousBus;
 std::atomic<uint64_t> gFaults{0};
