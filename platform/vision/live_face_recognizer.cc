@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -19,6 +20,7 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "kwqimage/DispatchQueue.h"
 #include "kwqimage/Log.h"
 
 #ifndef KWQ_DLIB_DATA_DIR
@@ -364,6 +366,10 @@ struct LiveFaceRecognizer::State {
 
 LiveFaceRecognizer::LiveFaceRecognizer(LiveFaceOptions options) : d_(std::make_unique<State>()) {
   d_->options = options;
+  // The landmark model (about 100 MB to read) is first needed when a face is found; reading it
+  // on the global pool as soon as faces are wanted keeps that first face from waiting for it.
+  static std::once_flag preload;
+  std::call_once(preload, [] { DispatchQueue::global().async([] { landmarks(); }); });
 }
 
 LiveFaceRecognizer::~LiveFaceRecognizer() = default;
