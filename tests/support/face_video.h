@@ -12,6 +12,7 @@
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
+#include <opencv2/videoio.hpp>
 
 #include "kwqimage/SampleBuffer.h"
 
@@ -92,6 +93,18 @@ struct FaceScore {
     for (bool u : used) falseFaces += u ? 0 : 1;
   }
 };
+
+/// Every frame of the video at `path` (opencv-doc's Megamind.avi), read on the first call and
+/// kept for the process (later calls' paths are not looked at); empty without the file.
+inline const std::vector<cv::Mat>& megamindFrames(const std::string& path) {
+  static const std::vector<cv::Mat> frames = [&] {
+    std::vector<cv::Mat> all;
+    cv::VideoCapture video(path);
+    for (cv::Mat frame; video.read(frame);) all.push_back(frame.clone());
+    return all;
+  }();
+  return frames;
+}
 
 /// A 420f sample of a BGR picture: full-range luma (OpenCV's BT.601 gray), neutral chroma,
 /// rows padded to 64 bytes as cameras pad them.

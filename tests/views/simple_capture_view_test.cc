@@ -41,6 +41,16 @@ class SimpleCaptureViewTest : public ::testing::Test {
     view_ = KWQSimpleCaptureView::create(frame);
     return view_;
   }
+  // A 320 x 180 view whose camera has delivered a few frames.
+  std::shared_ptr<KWQSimpleCaptureView> running() {
+    auto view = make();
+    view->setBounds({0, 0, 320, 180});
+    view->startVideo();
+    const auto engine = view->videoHelper();
+    EXPECT_TRUE(test::pumpMainContextUntil(
+        [&] { return engine->videoDataOutput()->deliveredFrameCount() > 2; }));
+    return view;
+  }
   std::shared_ptr<KWQSimpleCaptureView> view_;
 };
 
@@ -189,12 +199,7 @@ TEST_F(SimpleCaptureViewTest, NoCameraListedMeansNoCameraCase) {
 }
 
 TEST_F(SimpleCaptureViewTest, StillGoesToTheLastBlockOnlyOnce) {
-  auto view = make();
-  view->setBounds({0, 0, 320, 180});
-  view->startVideo();
-  const auto engine = view->videoHelper();
-  ASSERT_TRUE(test::pumpMainContextUntil(
-      [&] { return engine->videoDataOutput()->deliveredFrameCount() > 2; }));
+  auto view = running();
 
   std::atomic<int> first{0}, second{0};
   std::atomic<bool> offMain{false};
@@ -225,12 +230,7 @@ TEST_F(SimpleCaptureViewTest, StillGoesToTheLastBlockOnlyOnce) {
 }
 
 TEST_F(SimpleCaptureViewTest, RunningViewShowsTheCameraPicture) {
-  auto view = make();
-  view->setBounds({0, 0, 320, 180});
-  view->startVideo();
-  const auto engine = view->videoHelper();
-  ASSERT_TRUE(test::pumpMainContextUntil(
-      [&] { return engine->videoDataOutput()->deliveredFrameCount() > 2; }));
+  auto view = running();
   const Image image = renderView(*view, {320, 180}, currentMediaTime());
   test::savePng(image, "simple_capture_view_running");
   // The synthetic camera's picture: far from the black background, and not one flat colour.

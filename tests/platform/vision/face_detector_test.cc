@@ -8,6 +8,7 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
+#include "support/face_video.h"
 #include "support/test_support.h"
 
 namespace kwq::platform {
@@ -45,13 +46,7 @@ Image fromBGR(const cv::Mat& bgr) {
 }
 
 const std::vector<cv::Mat>& megamind() {
-  static const std::vector<cv::Mat> frames = [] {
-    std::vector<cv::Mat> all;
-    cv::VideoCapture video(test::samplePath("Megamind.avi"));
-    for (cv::Mat frame; video.read(frame);) all.push_back(frame.clone());
-    return all;
-  }();
-  return frames;
+  return test::megamindFrames(test::samplePath("Megamind.avi"));
 }
 
 Image frame(size_t index) {

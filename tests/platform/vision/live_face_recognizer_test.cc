@@ -21,13 +21,7 @@ namespace {
 using Faces = std::vector<std::shared_ptr<const MetadataFaceObject>>;
 
 const std::vector<cv::Mat>& megamind() {
-  static const std::vector<cv::Mat> frames = [] {
-    std::vector<cv::Mat> all;
-    cv::VideoCapture video(test::samplePath("Megamind.avi"));
-    for (cv::Mat frame; video.read(frame);) all.push_back(frame.clone());
-    return all;
-  }();
-  return frames;
+  return test::megamindFrames(test::samplePath("Megamind.avi"));
 }
 
 const std::vector<test::TruthFace>& truth() {
