@@ -26,7 +26,7 @@
 #include "kwqimage/CaptureSession.h"
 #include "platform/media/capture_internal.h"
 #include "platform/media/gst_init.h"
-#include "platform/media/synthetic_camera.h"
+#include "synthetic/camera.h"
 
 namespace {
 

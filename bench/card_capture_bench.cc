@@ -24,7 +24,6 @@
 #include "capture/card_capture.h"
 #include "capture/card_detection.h"
 #include "kwqimage/CaptureSession.h"
-#include "platform/media/synthetic_scene.h"
 #include "platform/vision/code_reader.h"
 #include "synthetic_frame.h"
 

@@ -23,8 +23,8 @@
 #include <vector>
 
 #include "bench/bench_report.h"
-#include "platform/media/synthetic_scene.h"
 #include "platform/vision/code_reader.h"
+#include "synthetic/renderer.h"
 #include "tests/support/code_scenes.h"
 
 namespace {
@@ -41,15 +41,15 @@ struct Frame {
 };
 
 Frame render(bool card, uint64_t index = 0) {
-  kwq::platform::SyntheticSceneOptions options;
-  options.showCard = card;
   // A short text that both readers read (the default licence record's modules are too fine
   // to read on most frames), so both sides do the whole decode.
-  options.codeText = "KWQIMAGE SYNTHETIC CARD 0001";
-  kwq::platform::SyntheticScene scene(options);
+  kwq::synthetic::SceneRenderer scene(
+      card ? kwq::SyntheticScene::card("KWQIMAGE SYNTHETIC CARD 0001") : kwq::SyntheticScene{},
+      kWidth, kHeight);
   Frame f;
   f.bgra.create(kHeight, kWidth, CV_8UC4);
-  f.text = scene.render(index, {}, f.bgra.data, f.bgra.step[0]).codeText;
+  const kwq::SyntheticFrameTruth truth = scene.render(index, {}, f.bgra.data, f.bgra.step[0]);
+  if (truth.card() && !truth.card()->codes.empty()) f.text = truth.card()->codes[0].text;
   f.nv12 = kwq::SampleBuffer(kwq::test::frameFromBgra(f.bgra, kwq::kPixelFormat420f));
   return f;
 }

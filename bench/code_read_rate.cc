@@ -28,8 +28,8 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "platform/media/synthetic_scene.h"
 #include "platform/vision/code_reader.h"
+#include "synthetic/renderer.h"
 #include "tests/support/code_scenes.h"
 
 namespace {
@@ -168,16 +168,18 @@ int main(int argc, char** argv) {
 
   // The short text the settings were chosen on (the table in code_reader.h); the default
   // licence record reads on about 40% of these frames with any of them.
-  kwq::platform::SyntheticScene scene({.codeText = "KWQIMAGE SYNTHETIC CARD 0001"});
+  kwq::synthetic::SceneRenderer scene(kwq::SyntheticScene::card("KWQIMAGE SYNTHETIC CARD 0001"),
+                                      kWidth, kHeight);
   for (uint64_t index = 0; index < 1800; index += step) {
     const kwq::SyntheticFrameTruth truth = scene.truth(index);
-    bool inside = truth.cardFullyVisible && !truth.codeText.empty();
-    for (const kwq::Point& p : truth.codeCorners)
+    const kwq::SyntheticPropTruth* card = truth.card();
+    bool inside = card && card->fullyVisible && !card->codes.empty();
+    for (const kwq::Point& p : inside ? card->codes[0].corners : std::array<kwq::Point, 4>{})
       inside = inside && p.x >= 0 && p.y >= 0 && p.x <= kWidth && p.y <= kHeight;
     if (!inside) continue;
     cv::Mat bgra(kHeight, kWidth, CV_8UC4);
     scene.render(index, {}, bgra.data, bgra.step[0]);
-    run(kCard, bgra, truth.codeText, kwq::AVMetadataObjectTypePDF417Code, kPdf417);
+    run(kCard, bgra, card->codes[0].text, kwq::AVMetadataObjectTypePDF417Code, kPdf417);
   }
 
   std::mt19937 rng(7);

@@ -38,8 +38,8 @@
 #include "bench/opencv_peer.h"
 #include "capture/KWQVideoHelperState.h"
 #include "kwqimage/KWQVideoHelper.h"
-#include "platform/media/synthetic_camera.h"
-#include "platform/media/synthetic_scene.h"
+#include "synthetic/camera.h"
+#include "synthetic/renderer.h"
 
 namespace {
 
@@ -60,7 +60,7 @@ struct Frame {
 };
 
 std::vector<Frame> renderFrames() {
-  kwq::platform::SyntheticScene scene({});
+  kwq::synthetic::SceneRenderer scene(kwq::SyntheticScene::card(), kWidth, kHeight);
   std::vector<Frame> frames;
   cv::Mat bgra(kHeight, kWidth, CV_8UC4), bgr, yuv;
   for (int i = 0; i < kFrames; ++i) {

@@ -25,7 +25,6 @@
 #include "bench/bench_report.h"
 #include "bench/opencv_peer.h"
 #include "capture/card_detection.h"
-#include "platform/media/synthetic_scene.h"
 #include "platform/vision/rectangle_detector.h"
 #include "synthetic_frame.h"
 

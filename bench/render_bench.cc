@@ -24,7 +24,6 @@
 #include "bench/bench_report.h"
 #include "kwqimage/CaptureSession.h"
 #include "kwqimage/Layer.h"
-#include "platform/media/synthetic_scene.h"
 #include "platform/ui/renderer.h"
 #include "synthetic_frame.h"
 

@@ -8,7 +8,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "kwqimage/SampleBuffer.h"
-#include "platform/media/synthetic_scene.h"
+#include "synthetic/renderer.h"
 
 namespace kwq::bench {
 
@@ -19,10 +19,8 @@ struct SyntheticNv12 {
 
 // Frame 0 of the default scene at width x height (even sizes).
 inline SyntheticNv12 syntheticNv12(int width, int height) {
-  platform::SyntheticSceneOptions options;
-  options.width = static_cast<size_t>(width);
-  options.height = static_cast<size_t>(height);
-  platform::SyntheticScene scene(options);
+  synthetic::SceneRenderer scene(SyntheticScene::card(), static_cast<size_t>(width),
+                                 static_cast<size_t>(height));
   cv::Mat bgra(height, width, CV_8UC4), bgr, yuv;
   scene.render(0, {}, bgra.data, bgra.step[0]);
   cv::cvtColor(bgra, bgr, cv::COLOR_BGRA2BGR);

@@ -25,14 +25,14 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "platform/media/synthetic_background.h"
-#include "platform/media/synthetic_card.h"
-#include "platform/media/synthetic_motion.h"
-#include "platform/media/synthetic_scene.h"
+#include "synthetic/background.h"
+#include "synthetic/motion.h"
+#include "synthetic/printed.h"
+#include "synthetic/renderer.h"
 
 namespace {
 
-using kwq::platform::SyntheticScene;
+using kwq::synthetic::SceneRenderer;
 using Clock = std::chrono::steady_clock;
 
 const std::vector<cv::Size> kSizes = {{640, 480}, {1280, 720}, {1920, 1080}};
@@ -47,19 +47,17 @@ std::map<int, Row>& rows() {
 
 void renderFrames(benchmark::State& state, bool effects) {
   const cv::Size size = kSizes[state.range(0)];
-  kwq::platform::SyntheticSceneOptions options;
-  options.width = size.width;
-  options.height = size.height;
+  kwq::SyntheticScene options = kwq::SyntheticScene::card();
   if (effects) {
     options.blurSigma = 1.0;
     options.noiseSigma = 4.0;
-    options.exposureDrift = 0.2;
+    options.light.exposureDrift = 0.2;
   }
   cv::Mat frame(size, CV_8UC4);
-  kwq::platform::SyntheticCameraEffects camera;
+  kwq::synthetic::CameraEffects camera;
   if (effects) camera.lightGain = 1.2;
   const auto t0 = Clock::now();
-  SyntheticScene scene(options);
+  SceneRenderer scene(options, size.width, size.height);
   scene.render(0, camera, frame.data, frame.step);  // draws the card and the background
   const double setup = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
   uint64_t index = 1;
@@ -80,18 +78,23 @@ void BM_SceneEffects(benchmark::State& state) {
 void BM_Peer(benchmark::State& state) {
   const cv::Size size = kSizes[state.range(0)];
   const double ref = std::min<double>(size.width, 1.8 * size.height);
-  const auto card = kwq::platform::makeCardTexture("KWQIMAGE SYNTHETIC CARD 0001",
-                                                   0.8 * ref / kwq::platform::kCardWidthMm);
-  const cv::Mat background = kwq::platform::makeBackground(size.width, size.height, 1);
+  const auto card = kwq::synthetic::makeCardTexture("KWQIMAGE SYNTHETIC CARD 0001",
+                                                    0.8 * ref / kwq::synthetic::kCardWidthMm);
+  const cv::Mat background = kwq::synthetic::makeBackground(size.width, size.height, 1);
   const cv::Mat& texture = card.levels.front();
-  const cv::Matx33d fromTexel(kwq::platform::kCardWidthMm / texture.cols, 0, 0, 0,
-                              kwq::platform::kCardHeightMm / texture.rows, 0, 0, 0, 1);
+  const cv::Matx33d fromTexel(kwq::synthetic::kCardWidthMm / texture.cols, 0, 0, 0,
+                              kwq::synthetic::kCardHeightMm / texture.rows, 0, 0, 0, 1);
+  const kwq::SyntheticScene scene = kwq::SyntheticScene::card();
+  const kwq::synthetic::PropGeometry card86x54{
+      {kwq::synthetic::kCardWidthMm, kwq::synthetic::kCardHeightMm}, {43.0, 27.0}, 86.0, 0.0};
   cv::Mat frame(size, CV_8UC4);
   uint64_t index = 0;
   for (auto _ : state) {
-    const auto view = kwq::platform::cardViewAt(1, index++, size.width, size.height);
+    const auto view = kwq::synthetic::viewOf(
+        kwq::synthetic::poseAt(scene.props[0], card86x54, 1, index++, size.width, size.height),
+        card86x54, size.width, size.height);
     background.copyTo(frame);
-    cv::warpPerspective(texture, frame, view.cardToPicture * fromTexel, size, cv::INTER_LINEAR,
+    cv::warpPerspective(texture, frame, view.toPicture * fromTexel, size, cv::INTER_LINEAR,
                         cv::BORDER_TRANSPARENT);
     benchmark::DoNotOptimize(frame.data);
   }

@@ -11,7 +11,7 @@ packages=(
   libcairo2-dev libpango1.0-dev libglib2.0-dev fonts-dejavu-core
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-libav gstreamer1.0-tools
-  libzxing-dev
+  libzxing-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   # The synthetic camera's portrait scene films skimage's astronaut photograph.
   python3-skimage

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kwqimage/Export.h"
+#include "kwqimage/SyntheticScene.h"
 
 namespace kwq {
 
@@ -56,35 +57,12 @@ inline constexpr int64_t AVCaptureTorchModeAuto = 2;
 /// than asked while its maxAvailableTorchLevel() is lower.
 inline constexpr float AVCaptureMaxAvailableTorchLevel = 1.0f;
 
-/// What a synthetic camera films.
-enum class SyntheticSceneKind : uint8_t {
-  /// An ID card with a PDF417 code moving over a desk.
-  Card,
-  /// A portrait photograph (head and shoulders) that moves, nears and recedes, tilts its head
-  /// and leaves the picture for a while every 30 s. The photograph is Debian's
-  /// python3-skimage astronaut picture; where it is not installed the camera films the
-  /// background alone and reports no face.
-  Portrait,
-};
-
-/// A synthetic camera: films an ID card with a PDF417 code (or a portrait, see `scene`) moving
-/// in front of a textured background, at the session preset's size and 30 frames a second,
+/// A synthetic camera: films a scene of props (kwqimage/SyntheticScene.h; by default an ID card
+/// with a PDF417 code held over a desk) at the session preset's size and 30 frames a second,
 /// with each frame's ground truth known (kwqimage/SyntheticCamera.h). It simulates the controls it
 /// is said to have below, so that they show in the picture: a lens that is out of focus until
 /// auto-focus has run (and always with the range restricted to far subjects, the card being near),
 /// a torch that brightens the picture, and a flash that brightens the frame a still capture takes.
-/// A driving-licence record in the AAMVA DL/ID format (version 10) for the fictitious holder
-/// printed on the synthetic card (Jane Alexandra Doe, born 12 March 1988, document K47Q0193552,
-/// expiring 30 June 2032), with an issuer number (999000) and jurisdiction (KW) that no issuer
-/// uses. The synthetic card's PDF417 carries it unless SyntheticCameraOptions::codeText says
-/// otherwise. Its symbol's modules come out 1.5 to 2.5 pixels wide on a 1280x720 frame, at the
-/// edge of what the code reader reads live (about a third of the frames); a flattened card
-/// reads every time.
-inline constexpr std::string_view kSyntheticCardAAMVAText =
-    "@\n\x1e\rANSI 999000100001DL00310209DLDCAD\nDCBNONE\nDCDNONE\nDBA06302032\nDCSDOE\nDACJANE\n"
-    "DADALEXANDRA\nDBD07012024\nDBB03121988\nDBC2\nDAYBRO\nDAU066 IN\nDAG1 SAMPLE ROAD\n"
-    "DAIEXAMPLE CITY\nDAJKW\nDAK000010000\nDAQK47Q0193552\nDCFKWQ0001\nDCGUSA\nDDEN\nDDFN\nDDGN\r";
-
 struct SyntheticCameraOptions {
   int64_t position = AVCaptureDevicePositionBack;
   /// Empty: "kwq.synthetic.back" / "kwq.synthetic.front" / "kwq.synthetic.<position>".
@@ -92,26 +70,9 @@ struct SyntheticCameraOptions {
   /// Empty: "Synthetic Back Camera" / "Synthetic Front Camera" / "Synthetic Camera".
   std::string localizedName;
 
-  /// The card (the default, also of the cameras in the default device list) or the portrait.
-  SyntheticSceneKind scene = SyntheticSceneKind::Card;
-  /// Text of the PDF417 code on the card: the licence record above, or any text (a short one
-  /// such as "KWQIMAGE SYNTHETIC CARD 0001" reads on every frame).
-  std::string codeText = std::string(kSyntheticCardAAMVAText);
-  /// False films the background alone.
-  bool showCard = true;
-  /// Blur of the whole picture and sensor noise (standard deviations, pixels and gray levels).
-  double blurSigma = 0.0;
-  double noiseSigma = 0.0;
-  /// Slow brightness drift as a fraction of the exposure (0: steady).
-  double exposureDrift = 0.0;
-  /// Share of one-second spans (0..1, chosen per span from the seed) filmed in dim light, at
-  /// kSyntheticDimExposure of the normal exposure: a room light switched off, a hand's shadow.
-  double dimProbability = 0.0;
-  /// Share of frames (0..1, chosen per frame from the seed) on which a specular highlight
-  /// shines on the card: a saturated hotspot about an eighth of the card's width across.
-  double glareProbability = 0.0;
-  /// Seeds texture, noise and motion.
-  uint64_t seed = 1;
+  /// What it films (the default cameras of the device list film SyntheticScene::card(), the
+  /// front one with seed 2).
+  SyntheticScene scene = SyntheticScene::card();
 
   /// Controls the camera offers.
   bool hasFocus = true;  ///< focus modes locked, auto and continuous

@@ -5,7 +5,6 @@
 
 #include "platform/media/capture_internal.h"
 #include "platform/media/file_camera.h"
-#include "platform/media/synthetic_camera.h"
 #include "platform/media/v4l2_camera.h"
 
 namespace kwq {
@@ -35,7 +34,7 @@ std::vector<std::shared_ptr<CaptureDevice>> findDevices() {
   back.position = AVCaptureDevicePositionBack;
   SyntheticCameraOptions front;
   front.position = AVCaptureDevicePositionFront;
-  front.seed = 2;
+  front.scene.seed = 2;
   return {CaptureDevice::syntheticCamera(back), CaptureDevice::syntheticCamera(front)};
 }
 
@@ -123,24 +122,6 @@ void CaptureDevice::resetDevices() {
   std::lock_guard lock(list.mutex);
   list.hostList.reset();
   list.found.reset();
-}
-
-std::shared_ptr<CaptureDevice> CaptureDevice::syntheticCamera(SyntheticCameraOptions options) {
-  std::string id = options.uniqueID;
-  std::string name = options.localizedName;
-  const int64_t position = options.position;
-  if (id.empty()) {
-    id = position == AVCaptureDevicePositionBack    ? "kwq.synthetic.back"
-         : position == AVCaptureDevicePositionFront ? "kwq.synthetic.front"
-                                                    : "kwq.synthetic." + std::to_string(position);
-  }
-  if (name.empty()) {
-    name = position == AVCaptureDevicePositionBack    ? "Synthetic Back Camera"
-           : position == AVCaptureDevicePositionFront ? "Synthetic Front Camera"
-                                                      : "Synthetic Camera";
-  }
-  return platform::makeCaptureDevice(std::move(id), std::move(name), position,
-                                     platform::makeSyntheticCameraBackend(std::move(options)));
 }
 
 std::shared_ptr<CaptureDevice> CaptureDevice::fileCamera(const std::string& path, int64_t position,

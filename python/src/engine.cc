@@ -142,11 +142,17 @@ class FrameTap final : public CaptureVideoDataOutputSampleBufferDelegate, public
 };
 
 std::shared_ptr<CaptureDevice> chooseCamera(const std::string& name, const std::string& scene) {
-  if (scene != "card" && scene != "portrait")
-    throw py::value_error("unknown scene '" + scene + "': use 'card' or 'portrait'");
   if (name == "synthetic") {
     SyntheticCameraOptions options;
-    options.scene = scene == "portrait" ? SyntheticSceneKind::Portrait : SyntheticSceneKind::Card;
+    std::string error;
+    auto described = SyntheticScene::preset(scene);
+    if (!described && scene.size() > 5 && scene.ends_with(".json"))
+      described = syntheticSceneFromFile(scene, &error);
+    if (!described)
+      throw py::value_error(error.empty() ? "unknown scene '" + scene +
+                                                "': use 'card', 'portrait', 'empty' or a .json file"
+                                          : "scene " + error);
+    options.scene = std::move(*described);
     return CaptureDevice::syntheticCamera(options);
   }
   if (auto camera = CaptureDevice::deviceWithUniqueID(name)) return camera;
@@ -268,13 +274,28 @@ py::object truthDict(const SyntheticFrameTruth& t) {
     return std::array<std::array<double, 2>, 4>{pointTuple(c[0]), pointTuple(c[1]),
                                                 pointTuple(c[2]), pointTuple(c[3])};
   };
-  return py::dict("frame_index"_a = t.frameIndex, "card_visible"_a = t.cardVisible,
-                  "card_fully_visible"_a = t.cardFullyVisible,
-                  "card_corners"_a = corners(t.cardCorners),
-                  "code_corners"_a = corners(t.codeCorners), "code_text"_a = t.codeText,
-                  "card_tilt_degrees"_a = t.cardTiltDegrees, "face_visible"_a = t.faceVisible,
-                  "face_fully_visible"_a = t.faceFullyVisible, "face_box"_a = rectTuple(t.faceBox),
-                  "face_roll_degrees"_a = t.faceRollDegrees);
+  static const char* const kKinds[] = {"card", "portrait", "sticker"};
+  py::list props;
+  for (const SyntheticPropTruth& p : t.props) {
+    py::list codes;
+    for (const SyntheticCodeTruth& c : p.codes)
+      codes.append(py::dict("type"_a = syntheticCodeTypeName(c.type), "text"_a = c.text,
+                            "corners"_a = corners(c.corners)));
+    py::object face = py::none();
+    if (p.face)
+      face = py::dict("box"_a = rectTuple(p.face->box), "corners"_a = corners(p.face->corners),
+                      "fully_visible"_a = p.face->fullyVisible,
+                      "roll_degrees"_a = p.face->rollDegrees, "yaw_degrees"_a = p.face->yawDegrees);
+    py::object glare = py::none();
+    if (p.glareRadius > 0.0)
+      glare = py::dict("centre"_a = pointTuple(p.glareCentre), "radius"_a = p.glareRadius,
+                       "visible"_a = p.glareVisible);
+    props.append(py::dict("kind"_a = kKinds[static_cast<int>(p.kind) % 3], "name"_a = p.name,
+                          "corners"_a = corners(p.corners), "fully_visible"_a = p.fullyVisible,
+                          "tilt_degrees"_a = p.tiltDegrees, "roll_degrees"_a = p.rollDegrees,
+                          "codes"_a = codes, "face"_a = face, "glare"_a = glare));
+  }
+  return py::dict("frame_index"_a = t.frameIndex, "exposure"_a = t.exposure, "props"_a = props);
 }
 
 }  // namespace
@@ -314,7 +335,8 @@ void defineEngine(py::module_& m) {
                      "        for frame in itertools.islice(engine, 100): ...\n\n"
                      "camera: 'synthetic' (default), a camera's unique id or a video file.\n"
                      "mode: 'card' (card detection) or 'face'. scene: what the synthetic\n"
-                     "camera films, 'card' or 'portrait' (default: 'portrait' in face mode).\n"
+                     "camera films: 'card', 'portrait', 'empty' or a scene file (.json)\n"
+                     "(default: 'portrait' in face mode). Frame.truth lists the props in view.\n"
                      "preset: 'high', '1920x1080', '1280x720' or '640x480'. record: record\n"
                      "the stream with the recorder. queue_size: frames kept for a slow reader\n"
                      "(older ones are dropped, as the engine drops late frames).")

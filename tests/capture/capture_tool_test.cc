@@ -16,9 +16,9 @@
 
 #include "../platform/capture/capture_test_support.h"
 #include "kwqimage/SyntheticCamera.h"
-#include "platform/media/synthetic_scene.h"
 #include "platform/vision/code_reader.h"
 #include "support/test_support.h"
+#include "synthetic/renderer.h"
 
 namespace kwq {
 namespace {
@@ -133,7 +133,7 @@ TEST(CaptureTool, FaceModeEventsFollowThePortraitAndJsonSummarises) {
 
   // Each delivered frame's face, in frame pixels, against the scene's truth for its number.
   SyntheticCameraOptions options;
-  options.scene = SyntheticSceneKind::Portrait;
+  options.scene = SyntheticScene::portrait();
   const auto camera = CaptureDevice::syntheticCamera(options);
   const PixelBuffer pixels = PixelBuffer::allocate(kPixelFormat420f, 1280, 720);
   std::ifstream lines(events);
@@ -157,13 +157,14 @@ TEST(CaptureTool, FaceModeEventsFollowThePortraitAndJsonSummarises) {
     if (face) {
       ++faces;
       EXPECT_TRUE(seen.has_value()) << line;
-      matched += seen && seen->faceVisible && iou(*face, seen->faceBox) >= 0.4;
+      matched += seen && seen->face() && iou(*face, seen->face()->box) >= 0.4;
       const double roll = jsonNumber(line, "roll");
       EXPECT_EQ(std::fmod(roll, 30.0), 0.0) << line;
     }
     // Upright enough and large enough for the recogniser, and wholly in the picture.
-    if (seen && seen->faceFullyVisible && seen->faceBox.size.width >= 200 &&
-        std::fabs(seen->faceRollDegrees) <= 20) {
+    const SyntheticFaceTruth* truthFace = seen ? seen->face() : nullptr;
+    if (truthFace && truthFace->fullyVisible && truthFace->box.size.width >= 200 &&
+        std::fabs(truthFace->rollDegrees) <= 20) {
       ++detectable;
       found += face.has_value();
     }
@@ -237,7 +238,9 @@ TEST(CaptureTool, SnapshotRecordingFileCameraAndBadOptions) {
   const std::string analysis = run.summary()["frame analysis"];
   EXPECT_EQ(analysis, movie.substr(0, movie.size() - 4) + ".frames.jsonl");
   std::ifstream lines(analysis);
-  platform::SyntheticScene truth({.dimProbability = 0.5});
+  SyntheticScene dim = SyntheticScene::card();
+  dim.light.dimProbability = 0.5;
+  synthetic::SceneRenderer truth(dim, 1280, 720);
   int count = 0, dark = 0, agree = 0;
   for (std::string line; std::getline(lines, line); ++count) {
     const double time = jsonNumber(line, "time");

@@ -10,29 +10,52 @@
 #include "capture/KWQVideoHelperState.h"
 #include "capture/card_detection.h"
 #include "kwqimage/CaptureSession.h"
-#include "platform/media/synthetic_card.h"
-#include "platform/media/synthetic_scene.h"
 #include "platform/vision/code_reader.h"
 #include "support/code_scenes.h"
 #include "support/main_loop.h"
 #include "support/test_support.h"
+#include "synthetic/printed.h"
+#include "synthetic/renderer.h"
 
 namespace kwq {
 namespace {
 
-using platform::SyntheticScene;
-using platform::SyntheticSceneOptions;
+using synthetic::SceneRenderer;
+
+// What a frame shows of its card (the first card in the synthetic truth).
+struct CardSeen {
+  bool cardFullyVisible = false;
+  std::array<Point, 4> cardCorners{};
+  std::string codeText;
+  double exposure = 1.0;
+  bool glareVisible = false;
+  Point glareCentre;
+  double glareRadius = 0.0;
+};
+
+CardSeen seen(const SyntheticFrameTruth& t) {
+  CardSeen s;
+  s.exposure = t.exposure;
+  if (const SyntheticPropTruth* card = t.card()) {
+    s.cardFullyVisible = card->fullyVisible;
+    s.cardCorners = card->corners;
+    if (!card->codes.empty()) s.codeText = card->codes[0].text;
+    s.glareVisible = card->glareVisible;
+    s.glareCentre = card->glareCentre;
+    s.glareRadius = card->glareRadius;
+  }
+  return s;
+}
 
 struct Shot {
   SampleBuffer frame;
-  SyntheticFrameTruth truth;
+  CardSeen truth;
 };
 
-Shot shoot(SyntheticScene& scene, uint64_t index, uint32_t format = kPixelFormat420f) {
-  const auto& o = scene.options();
-  cv::Mat bgra(static_cast<int>(o.height), static_cast<int>(o.width), CV_8UC4);
+Shot shoot(SceneRenderer& scene, uint64_t index, uint32_t format = kPixelFormat420f) {
+  cv::Mat bgra(static_cast<int>(scene.height()), static_cast<int>(scene.width()), CV_8UC4);
   Shot s;
-  s.truth = scene.render(index, {}, bgra.data, bgra.step[0]);
+  s.truth = seen(scene.render(index, {}, bgra.data, bgra.step[0]));
   s.frame =
       SampleBuffer(test::frameFromBgra(bgra, format), MediaTime{static_cast<int64_t>(index), 30});
   return s;
@@ -46,7 +69,7 @@ double cornerError(const std::array<Point, 4>& a, const std::array<Point, 4>& b)
 
 TEST(CardCapture, FlattenedCardMatchesTheTruthAndReadsItsCode) {
   // Frames over the card's whole path at 1280 x 720, square-on and tilted, in 420f and BGRA.
-  SyntheticScene scene({});
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
   const auto detector = makeCardRectangleDetector();
   const std::vector<std::string> pdf417{std::string(AVMetadataObjectTypePDF417Code)};
   double errorSum = 0;
@@ -87,9 +110,8 @@ TEST(CardCapture, FlattenedCardMatchesTheTruthAndReadsItsCode) {
 
 // The card square-on, `widthShare` of a 1280 x 960 frame wide, sampled from a fine drawing
 // the way a sensor would (area averaging), over the desk, then blurred by `blur` pixels.
-Shot placedCard(const platform::CardTexture& texture, double widthShare, double blur) {
-  static SyntheticScene desk(
-      SyntheticSceneOptions{.width = 1280, .height = 960, .showCard = false});
+Shot placedCard(const synthetic::Texture& texture, double widthShare, double blur) {
+  static SceneRenderer desk(SyntheticScene{}, 1280, 960);
   Shot s = shoot(desk, 0, kPixelFormatBGRA);
   cv::Mat bgra(960, 1280, CV_8UC4);
   desk.render(0, {}, bgra.data, bgra.step[0]);
@@ -112,8 +134,8 @@ platform::RectangleFeature featureOf(const std::array<Point, 4>& c, double heigh
 }
 
 TEST(CardCapture, SharpnessFallsWithBlurAndKeepsAcrossCardSizes) {
-  const platform::CardTexture texture =
-      platform::makeCardTexture(std::string(kSyntheticCardAAMVAText), 24.0);
+  const synthetic::Texture texture =
+      synthetic::makeCardTexture(std::string(kSyntheticCardAAMVAText), 24.0);
   std::vector<double> bySize;
   for (double share : {0.3, 0.45, 0.6, 0.75, 0.9}) {
     const Shot s = placedCard(texture, share, 0.0);
@@ -158,7 +180,7 @@ TEST(CardCapture, SyntheticAAMVARecordParsesAndItsReadRateIsMeasured) {
   const auto detector = makeCardRectangleDetector();
   for (const std::string text :
        {std::string("KWQIMAGE SYNTHETIC CARD 0001"), std::string(kSyntheticCardAAMVAText)}) {
-    SyntheticScene scene({.codeText = text});
+    SceneRenderer scene(SyntheticScene::card(text), 1280, 720);
     int frames = 0, readFrame = 0, cards = 0, readCard = 0;
     for (uint64_t i = 0; i < 1800; i += 30) {
       const Shot s = shoot(scene, i);
@@ -225,8 +247,10 @@ TEST(CardCapture, GlareAndDarkVerdictsMatchTheSyntheticTruth) {
   // Half the frames carry a hotspot and a third of the seconds are dim; exposure drifts by a
   // quarter either way besides, so bright card stock must not pass for glare, nor the
   // drift's low point for darkness.
-  SyntheticScene scene(
-      {.exposureDrift = 0.25, .dimProbability = 0.4, .glareProbability = 0.5, .seed = 3});
+  SyntheticScene lit = SyntheticScene::card();
+  lit.light = {.exposureDrift = 0.25, .dimProbability = 0.4, .glareProbability = 0.5};
+  lit.seed = 3;
+  SceneRenderer scene(lit, 1280, 720);
   const auto detector = makeCardRectangleDetector();
   Tally glare, dark;
   bool savedGlare = false, savedDark = false;
@@ -340,10 +364,10 @@ class CardCaptureEngineTest : public ::testing::Test {
 TEST_F(CardCaptureEngineTest, GuidanceFollowsTheCardAndTheBestCaptureCarriesItsData) {
   auto host = std::make_shared<CardAndFrameHost>();
   engine->setDelegate(host);
-  SyntheticScene empty({.showCard = false});
+  SceneRenderer empty(SyntheticScene{}, 1280, 720);
   feed(shoot(empty, 0).frame);
-  SyntheticScene scene({});
-  std::vector<SyntheticFrameTruth> truths;
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
+  std::vector<CardSeen> truths;
   for (uint64_t i = 1; i <= 12; ++i) {
     const Shot s = shoot(scene, i);
     truths.push_back(s.truth);
@@ -385,7 +409,7 @@ TEST_F(CardCaptureEngineTest, HostsWithoutTheInterfacePayNothingAndFaceModeHasNo
   };
   const auto frameOnly = std::make_shared<FrameOnly>();  // the engine holds it weakly
   engine->setDelegate(frameOnly);
-  SyntheticScene scene({});
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
   for (uint64_t i = 0; i < 8; ++i) feed(shoot(scene, i).frame);
   EXPECT_EQ(engine->consecutiveDetectionFrames(), 8);
   EXPECT_EQ(engine->state().cardCaptureFrames, 0u);

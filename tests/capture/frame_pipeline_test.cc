@@ -14,10 +14,9 @@
 #include "kwqimage/KWQCameraRollHelper.h"
 #include "kwqimage/KWQImageDictionary.h"
 #include "kwqimage/KWQVideoHelper.h"
-#include "platform/media/synthetic_camera.h"
-#include "platform/media/synthetic_scene.h"
 #include "support/main_loop.h"
 #include "support/test_support.h"
+#include "synthetic/renderer.h"
 
 namespace kwq {
 namespace {
@@ -306,7 +305,7 @@ TEST(ExifOrientation, MapsTheEightImageOrientationsAndDefaultsToUp) {
 
 // A 1280 x 720 420f frame of `scene` (full-range luma, gray chroma) with light upright boxes
 // (left, top, width, height in pixels, y down) laid over it.
-SampleBuffer sceneFrame420f(platform::SyntheticScene& scene, int64_t n,
+SampleBuffer sceneFrame420f(synthetic::SceneRenderer& scene, int64_t n,
                             const std::vector<std::array<int, 4>>& boxes = {}) {
   constexpr size_t kWidth = 1280, kHeight = 720;
   std::vector<uint8_t> bgra(kWidth * kHeight * 4);
@@ -334,8 +333,8 @@ SampleBuffer sceneFrame420f(platform::SyntheticScene& scene, int64_t n,
 // square or a wide strip, while a square beside the card does not break the card's run.
 TEST_F(FramePipelineTest, SquaresAndStripsWithdrawAPublishedCard) {
   engine->setShouldDetectCardRect(true);
-  platform::SyntheticScene cardScene({});
-  platform::SyntheticScene desk({.showCard = false});
+  synthetic::SceneRenderer cardScene(SyntheticScene::card(), 1280, 720);
+  synthetic::SceneRenderer desk(SyntheticScene{}, 1280, 720);
   int64_t n = 0;
   auto publish = [&] {
     for (int i = 0; i < 6; ++i, ++n) feed(sceneFrame420f(cardScene, n));
@@ -365,9 +364,9 @@ TEST_F(FramePipelineTest, SquaresAndStripsWithdrawAPublishedCard) {
 
   // A square as large as the room beside the card allows: the card keeps counting.
   const auto truth = cardScene.truth(static_cast<uint64_t>(n));
-  ASSERT_TRUE(truth.cardFullyVisible);
+  ASSERT_TRUE(truth.card() && truth.card()->fullyVisible);
   double left = 1280, right = 0;
-  for (const Point& c : truth.cardCorners) {
+  for (const Point& c : truth.card()->corners) {
     left = std::min(left, c.x);
     right = std::max(right, c.x);
   }
@@ -402,11 +401,11 @@ TEST_F(FramePipelineTest, SyntheticCameraCardIsPublishedWithItsCentre) {
     EXPECT_EQ(call.rect, kStableCardMarker);
     EXPECT_GE(call.count, 6);
     const auto truth = syntheticFrameTruth(*engine->device(), call.sample);
-    ASSERT_TRUE(truth && truth->cardVisible);
+    ASSERT_TRUE(truth && truth->card());
     // Truth is y down; the centre is y up.
     const Point c{call.centre.x,
                   static_cast<double>(call.sample.imageBuffer().height()) - call.centre.y};
-    const auto& q = truth->cardCorners;
+    const auto& q = truth->card()->corners;
     for (size_t i = 0; i < 4; ++i) {
       const Point a = q[i], b = q[(i + 1) % 4];
       // Corners go clockwise on screen (y down), so the inside is on the right of each side.

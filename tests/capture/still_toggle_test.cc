@@ -22,7 +22,7 @@ using test::pumpMainContextUntil;
 std::shared_ptr<CaptureDevice> camera(int64_t position, bool showCard = true) {
   SyntheticCameraOptions options;
   options.position = position;
-  options.showCard = showCard;
+  if (!showCard) options.scene.props.clear();
   if (position != AVCaptureDevicePositionBack && position != AVCaptureDevicePositionFront)
     options.uniqueID = "kwq.synthetic.other";
   return CaptureDevice::syntheticCamera(options);

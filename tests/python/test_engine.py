@@ -16,6 +16,16 @@ def inside(point, corners):
     return min(xs) <= point[0] <= max(xs) and min(ys) <= point[1] <= max(ys)
 
 
+def card_truth(frame):
+    """The first card the synthetic camera's truth has in view, else None."""
+    return next((p for p in frame.truth["props"] if p["kind"] == "card"), None)
+
+
+def face_truth(frame):
+    """The face of the first portrait in view, else None."""
+    return next((p["face"] for p in frame.truth["props"] if p["kind"] == "portrait" and p["face"]), None)
+
+
 def test_card_mode_frames_carry_pixels_truth_and_the_stable_card():
     with kwqimage.Engine() as engine:  # synthetic camera, card mode
         frames = list(itertools.islice(engine, 45))
@@ -29,18 +39,19 @@ def test_card_mode_frames_carry_pixels_truth_and_the_stable_card():
         # The delegate hears of a card only with a card: the marker is never zero then.
         assert f.delegate_called == (f.face_rect != [0, 0, 0, 0])
         # Barcode text, where the engine reads one, is the card's.
-        assert f.barcode in (None, "", f.truth["code_text"])
+        card = card_truth(f)
+        assert f.barcode in (None, "", card["codes"][0]["text"] if card else None)
     stable = [f for f in frames if f.delegate_called]
     assert stable, "the card never held its shape"
     assert stable[0].index >= frames[0].index + 5  # six frames in a row are needed first
     for f in stable:
         centre_x, centre_y_up = f.card_center
         centre = (centre_x, f.image.shape[0] - centre_y_up)  # the engine's centre has y up
-        assert inside(centre, f.truth["card_corners"]), f
+        assert inside(centre, card_truth(f)["corners"]), f
     # Frames show the card: its middle differs from the plain background of frame borders.
     f = stable[-1]
-    xs = [int(c[0]) for c in f.truth["card_corners"]]
-    ys = [int(c[1]) for c in f.truth["card_corners"]]
+    xs = [int(c[0]) for c in card_truth(f)["corners"]]
+    ys = [int(c[1]) for c in card_truth(f)["corners"]]
     card = f.image[max(ys[0], ys[1]):min(ys[2], ys[3]), max(xs[0], xs[3]):min(xs[1], xs[2])]
     assert card.size and kwqimage.detect_rectangles(f.image)
 
@@ -61,7 +72,7 @@ def test_face_mode_calls_the_delegate_on_every_frame_and_follows_the_portrait():
     # reported with by a frame or two, so the overlap asked for is loose).
     faces = [f for f in frames if f.face_rect != [0, 0, 0, 0]]
     assert len(faces) >= 30, len(faces)
-    on_truth = [f for f in faces if f.truth["face_visible"] and overlap(f.face_rect, f.truth["face_box"]) >= 0.3]
+    on_truth = [f for f in faces if face_truth(f) and overlap(f.face_rect, face_truth(f)["box"]) >= 0.3]
     assert len(on_truth) >= 0.8 * len(faces), (len(on_truth), len(faces))
 
 

@@ -19,8 +19,8 @@
 
 #include "platform/foundation/file_url.h"
 #include "platform/media/movie_writer.h"
-#include "platform/media/synthetic_scene.h"
 #include "recording/recording_support.h"
+#include "synthetic/renderer.h"
 
 namespace fs = std::filesystem;
 
@@ -188,7 +188,7 @@ TEST(MovieCodecs, EncodedMoviesOfTheCardSceneAreSmallerAndFaithful) {
   const char* env = std::getenv("KWQ_CODEC_FRAMES");
   const int count = env ? std::clamp(std::atoi(env), 10, 3000) : 60;
   constexpr size_t kWidth = 1280, kHeight = 720;
-  platform::SyntheticScene scene{platform::SyntheticSceneOptions{}};
+  synthetic::SceneRenderer scene(SyntheticScene::card(), kWidth, kHeight);
   std::vector<uint8_t> bgra(kWidth * kHeight * 4);
   auto frameAt = [&](int i) {
     scene.render(static_cast<uint64_t>(i), {}, bgra.data(), kWidth * 4);

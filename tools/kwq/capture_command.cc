@@ -324,9 +324,9 @@ class CaptureMonitor final : public CaptureVideoDataOutputSampleBufferDelegate,
 // The synthetic camera settings the run asks for: the card or the portrait, glare, dim light.
 SyntheticCameraOptions syntheticOptions(const CaptureOptions& run) {
   SyntheticCameraOptions options;
-  if (!run.cardMode) options.scene = SyntheticSceneKind::Portrait;
-  options.glareProbability = run.glare;
-  options.dimProbability = run.dim;
+  if (!run.cardMode) options.scene = SyntheticScene::portrait();
+  options.scene.light.glareProbability = run.glare;
+  options.scene.light.dimProbability = run.dim;
   return options;
 }
 

@@ -8,10 +8,10 @@
 
 #include "capture_test_support.h"
 #include "kwqimage/CaptureDevice.h"
-#include "platform/media/synthetic_camera.h"
 #include "platform/media/v4l2_camera.h"
 #include "platform/media/v4l2_controls.h"
 #include "support/main_loop.h"
+#include "synthetic/camera.h"
 
 namespace kwq {
 namespace {
@@ -106,8 +106,8 @@ TEST(CaptureDeviceTest, SimulatedControlsShowInTheFrames) {
   };
   auto effects = [&] {
     std::lock_guard lock(mutex);
-    return latest.isNull() ? platform::SyntheticCameraEffects{-1, -1}
-                           : platform::syntheticFrameEffects(camera, latest).value();
+    return latest.isNull() ? synthetic::CameraEffects{-1, -1}
+                           : synthetic::syntheticFrameEffects(camera, latest).value();
   };
   rig.session->startRunning();
   // Continuous auto-focus brings the lens into focus.

@@ -9,10 +9,10 @@
 #include "kwqimage/CaptureSession.h"
 #include "kwqimage/SyntheticCamera.h"
 #include "platform/media/capture_internal.h"
-#include "platform/media/synthetic_camera.h"
-#include "platform/media/synthetic_scene.h"
 #include "support/main_loop.h"
 #include "support/test_support.h"
+#include "synthetic/camera.h"
+#include "synthetic/renderer.h"
 
 namespace kwq {
 namespace {
@@ -39,15 +39,13 @@ struct Locked {
 // The picture the camera's scene gives for a delivered frame, rendered here independently.
 std::vector<uint8_t> renderExpected(const CaptureDevice& camera, const SampleBuffer& frame,
                                     size_t width, size_t height, uint64_t seed) {
-  platform::SyntheticSceneOptions options;
-  options.width = width;
-  options.height = height;
+  SyntheticScene options = SyntheticScene::card();
   options.seed = seed;
-  platform::SyntheticScene scene(options);
+  synthetic::SceneRenderer scene(options, width, height);
   std::vector<uint8_t> bgra(width * height * 4);
-  const auto effects = platform::syntheticFrameEffects(camera, frame);
+  const auto effects = synthetic::syntheticFrameEffects(camera, frame);
   EXPECT_TRUE(effects.has_value());
-  scene.render(*syntheticFrameIndex(frame), effects.value_or(platform::SyntheticCameraEffects{}),
+  scene.render(*syntheticFrameIndex(frame), effects.value_or(synthetic::CameraEffects{}),
                bgra.data(), width * 4);
   return bgra;
 }
@@ -110,7 +108,7 @@ TEST(CaptureSessionTest, SyntheticFramesArriveAtTheSourceRateInTheRequestedForma
     const auto truth = syntheticFrameTruth(*rig.camera, f);
     ASSERT_TRUE(truth.has_value());
     EXPECT_EQ(truth->frameIndex, *syntheticFrameIndex(f));
-    EXPECT_TRUE(truth->cardVisible);
+    EXPECT_TRUE(truth->card());
   }
 }
 
@@ -348,13 +346,10 @@ TEST(CaptureSessionTest, StillsInBGRAWithFlashAndErrors) {
   const PixelBuffer& pixels = plain->sample.imageBuffer();
   ASSERT_EQ(pixels.width(), 1920u);
   ASSERT_EQ(pixels.height(), 1440u);
-  const auto effects = platform::syntheticFrameEffects(*camera, plain->sample);
+  const auto effects = synthetic::syntheticFrameEffects(*camera, plain->sample);
   ASSERT_TRUE(effects.has_value());
   EXPECT_EQ(effects->lightGain, 1.0);
-  platform::SyntheticSceneOptions sceneOptions;
-  sceneOptions.width = 1920;
-  sceneOptions.height = 1440;
-  platform::SyntheticScene scene(sceneOptions);
+  synthetic::SceneRenderer scene(SyntheticScene::card(), 1920, 1440);
   std::vector<uint8_t> expected(1920 * 1440 * 4);
   scene.render(*syntheticFrameIndex(plain->sample), *effects, expected.data(), 1920 * 4);
   ASSERT_TRUE(pixels.lockBaseAddress(kPixelBufferLockReadOnly));
@@ -370,7 +365,7 @@ TEST(CaptureSessionTest, StillsInBGRAWithFlashAndErrors) {
   camera->unlockForConfiguration();
   auto flashed = capture(connection);
   ASSERT_FALSE(flashed->error.has_value());
-  EXPECT_DOUBLE_EQ(platform::syntheticFrameEffects(*camera, flashed->sample)->lightGain, 1.8);
+  EXPECT_DOUBLE_EQ(synthetic::syntheticFrameEffects(*camera, flashed->sample)->lightGain, 1.8);
 }
 
 TEST(CaptureSessionTest, FileCamerasPlayLoopAndRefuseWhatTheyCannotPlay) {

@@ -11,9 +11,9 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
-#include "platform/media/synthetic_scene.h"
 #include "platform/vision/metadata_recognizer.h"
 #include "support/test_support.h"
+#include "synthetic/renderer.h"
 #include "tests/support/code_scenes.h"
 
 // Fontconfig keeps what it parses for the synthetic card's text for the life of the process.
@@ -205,18 +205,21 @@ TEST(CodeReader, SameCodesFromEveryPixelFormatAndImageLayout) {
 TEST(CodeReader, ReadsTheSyntheticCardWhereItsCodeIsWhole) {
   // A short text, whose modules stay near three pixels: the default licence record's are too
   // fine to read on every frame (its rate is measured with the card capture).
-  SyntheticScene scene({.codeText = "KWQIMAGE SYNTHETIC CARD 0001"});
+  synthetic::SceneRenderer scene(SyntheticScene::card("KWQIMAGE SYNTHETIC CARD 0001"), 1280, 720);
   int eligible = 0, read = 0;
   for (uint64_t i = 0; i < 1800; i += 45) {
     cv::Mat bgra(720, 1280, CV_8UC4);
     const SyntheticFrameTruth truth = scene.render(i, {}, bgra.data, bgra.step[0]);
-    bool whole = truth.cardFullyVisible;
-    for (const Point& p : truth.codeCorners)
+    const SyntheticPropTruth* card = truth.card();
+    if (!card || card->codes.empty()) continue;
+    const SyntheticCodeTruth& printed = card->codes[0];
+    bool whole = card->fullyVisible;
+    for (const Point& p : printed.corners)
       whole = whole && p.x >= 0 && p.y >= 0 && p.x <= 1280 && p.y <= 720;
     if (!whole) continue;
     ++eligible;
     const MetadataObjects objects = readCodes(sample(bgra), {kPdf417});
-    if (objects.size() != 1 || code(objects, 0).stringValue != truth.codeText) continue;
+    if (objects.size() != 1 || code(objects, 0).stringValue != printed.text) continue;
     ++read;
     // zxing places a rolled PDF417's top-right corner on the top-left corner's row, so only
     // the corners it measures are checked: the top left, the bottom right, and every x: each
@@ -224,8 +227,8 @@ TEST(CodeReader, ReadsTheSyntheticCardWhereItsCodeIsWhole) {
     const auto& corners = code(objects, 0).corners;
     for (size_t c = 0; c < 4; ++c) {
       const Point p{corners[c].x * 1280, corners[c].y * 720};
-      EXPECT_NEAR(p.x, truth.codeCorners[c].x, 7.5) << "frame " << i << " corner " << c;
-      if (c == 0 || c == 2) EXPECT_NEAR(p.y, truth.codeCorners[c].y, 10.0) << "frame " << i;
+      EXPECT_NEAR(p.x, printed.corners[c].x, 7.5) << "frame " << i << " corner " << c;
+      if (c == 0 || c == 2) EXPECT_NEAR(p.y, printed.corners[c].y, 10.0) << "frame " << i;
     }
   }
   EXPECT_GE(eligible, 30);

@@ -11,9 +11,9 @@
 #include <opencv2/imgproc.hpp>
 
 #include "capture/card_detection.h"
-#include "platform/media/synthetic_motion.h"
-#include "platform/media/synthetic_scene.h"
 #include "support/test_support.h"
+#include "synthetic/motion.h"
+#include "synthetic/renderer.h"
 
 // Fontconfig keeps what it parses for the synthetic card's text for the life of the process.
 extern "C" const char* __lsan_default_suppressions() {
@@ -81,9 +81,10 @@ PixelBuffer nv12Buffer(const cv::Mat& bgra, uint32_t format, size_t rowAlignment
   return b;
 }
 
-cv::Mat sceneFrame(SyntheticScene& scene, uint64_t index, SyntheticFrameTruth* truth = nullptr) {
-  const auto& o = scene.options();
-  cv::Mat bgra(static_cast<int>(o.height), static_cast<int>(o.width), CV_8UC4);
+using synthetic::SceneRenderer;
+
+cv::Mat sceneFrame(SceneRenderer& scene, uint64_t index, SyntheticFrameTruth* truth = nullptr) {
+  cv::Mat bgra(static_cast<int>(scene.height()), static_cast<int>(scene.width()), CV_8UC4);
   const SyntheticFrameTruth t = scene.render(index, {}, bgra.data, bgra.step[0]);
   if (truth) *truth = t;
   return bgra;
@@ -129,25 +130,25 @@ TEST(RectangleDetector, NothingInPhotographsWithoutRectangles) {
 TEST(RectangleDetector, SyntheticCardIsAcceptedOnItsFrames) {
   const auto detector = makeCardRectangleDetector();
   struct Run {
-    SyntheticSceneOptions options;
+    SyntheticScene options;
     uint64_t step;
   };
-  SyntheticSceneOptions rough;
+  SyntheticScene rough = SyntheticScene::card();
   rough.seed = 2;
   rough.blurSigma = 1.2;
   rough.noiseSigma = 4;
-  rough.exposureDrift = 0.2;
-  for (const Run& run : {Run{{}, 12}, Run{rough, 24}}) {
-    SyntheticScene scene(run.options);
+  rough.light.exposureDrift = 0.2;
+  for (const Run& run : {Run{SyntheticScene::card(), 12}, Run{rough, 24}}) {
+    SceneRenderer scene(run.options, 1280, 720);
     int eligible = 0, accepted = 0, exact = 0;
-    for (uint64_t i = 0; i < kMotionPeriodFrames; i += run.step) {
+    for (uint64_t i = 0; i < synthetic::kHandheldPeriodFrames; i += run.step) {
       SyntheticFrameTruth truth;
       const cv::Mat frame = sceneFrame(scene, i, &truth);
       RectangleFeature real;  // the true corners, y up
       Point* corner[4] = {&real.topLeft, &real.topRight, &real.bottomRight, &real.bottomLeft};
       for (size_t c = 0; c < 4; ++c)
-        *corner[c] = {truth.cardCorners[c].x, 720 - truth.cardCorners[c].y};
-      if (!truth.cardFullyVisible ||
+        *corner[c] = {truth.card()->corners[c].x, 720 - truth.card()->corners[c].y};
+      if (!truth.card()->fullyVisible ||
           !(std::abs(measureCard(real).ratio - kCardAspectRatio) <= kDefaultCardDetectionThreshold))
         continue;
       ++eligible;
@@ -161,10 +162,10 @@ TEST(RectangleDetector, SyntheticCardIsAcceptedOnItsFrames) {
     EXPECT_GE(accepted, 0.95 * eligible) << "seed " << run.options.seed;
     EXPECT_GE(exact, 0.95 * eligible) << "seed " << run.options.seed;
 
-    SyntheticSceneOptions empty = run.options;
-    empty.showCard = false;
-    SyntheticScene desk(empty);
-    for (uint64_t i = 0; i < kMotionPeriodFrames; i += 60) {
+    SyntheticScene empty = run.options;
+    empty.props.clear();
+    SceneRenderer desk(empty, 1280, 720);
+    for (uint64_t i = 0; i < synthetic::kHandheldPeriodFrames; i += 60) {
       CardDetectionState state;
       performRectangleDetection(state, *detector, bgraBuffer(sceneFrame(desk, i)));
       EXPECT_EQ(state.consecutiveDetectionFrames, 0) << "frame " << i;
@@ -174,7 +175,7 @@ TEST(RectangleDetector, SyntheticCardIsAcceptedOnItsFrames) {
 
 TEST(RectangleDetector, NV12FramesFindTheSameQuadAsBGRA) {
   const auto detector = makeCardRectangleDetector();
-  SyntheticScene scene({});
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
   for (uint64_t i : {0, 400, 1000}) {
     const cv::Mat full = sceneFrame(scene, i);
     // An odd size too: the chroma plane rounds up, the luma plane must not.
@@ -305,7 +306,7 @@ TEST(RectangleDetector, CardSettingsReportSquaresAndStripsAlone) {
 // `photo` (BGRA) printed with a white margin of a twentieth of its width and laid on the
 // synthetic desk, the print's outline at `at` (top left, top right, bottom right, bottom
 // left). `inner` receives where the photograph's own edges lie.
-cv::Mat printOnDesk(SyntheticScene& desk, const cv::Mat& photo, const Quad& at, Quad* inner) {
+cv::Mat printOnDesk(SceneRenderer& desk, const cv::Mat& photo, const Quad& at, Quad* inner) {
   cv::Mat frame = sceneFrame(desk, 0);
   const int margin = std::max(4, photo.cols / 20);
   cv::Mat print(photo.rows + 2 * margin, photo.cols + 2 * margin, CV_8UC4,
@@ -352,7 +353,7 @@ TEST(RectangleDetector, CardSettingsReportSquaresAndStripsInPhotographs) {
   // Photographs printed square (the baboon) and as 2.2 : 1 and 3 : 1 strips (the building,
   // squeezed), lying on the desk a little turned and tilted, a cable running over the desk
   // behind them.
-  SyntheticScene desk({.showCard = false});
+  SceneRenderer desk(SyntheticScene{}, 1280, 720);
   const cv::Mat baboon = bgraOf(test::loadSample("baboon.jpg"));
   cv::Mat building = bgraOf(test::loadSample("building.jpg")), wide, strip;
   cv::resize(building, wide, cv::Size(858, 378), 0, 0, cv::INTER_AREA);
@@ -398,15 +399,15 @@ TEST(RectangleDetector, CardLeadsSquaresAndStripsBesideIt) {
   // room allows) or a strip drawn in the free part of the frame: the card is still the one
   // rectangle reported, on its true corners.
   const auto detector = makeCardRectangleDetector();
-  SyntheticScene scene({});
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
   int tried = 0;
-  for (uint64_t i = 0; i < kMotionPeriodFrames; i += 50) {
+  for (uint64_t i = 0; i < synthetic::kHandheldPeriodFrames; i += 50) {
     SyntheticFrameTruth truth;
     cv::Mat frame = sceneFrame(scene, i, &truth);
-    if (!truth.cardFullyVisible) continue;
+    if (!truth.card() || !truth.card()->fullyVisible) continue;
     double left = 1280, right = 0, cardArea = 0;
     for (size_t c = 0; c < 4; ++c) {
-      const Point a = truth.cardCorners[c], b = truth.cardCorners[(c + 1) % 4];
+      const Point a = truth.card()->corners[c], b = truth.card()->corners[(c + 1) % 4];
       left = std::min(left, a.x);
       right = std::max(right, a.x);
       cardArea += 0.5 * (a.x * b.y - b.x * a.y);
@@ -423,7 +424,8 @@ TEST(RectangleDetector, CardLeadsSquaresAndStripsBesideIt) {
     cv::rectangle(frame, cv::Rect(x, 20, side, height), cv::Scalar(235, 235, 235, 255), cv::FILLED);
     ++tried;
     Quad card;
-    for (size_t c = 0; c < 4; ++c) card[c] = {truth.cardCorners[c].x, truth.cardCorners[c].y};
+    for (size_t c = 0; c < 4; ++c)
+      card[c] = {truth.card()->corners[c].x, truth.card()->corners[c].y};
     const auto features = detector->featuresInImage(bgraBuffer(frame));
     ASSERT_EQ(features.size(), 1u) << "frame " << i;
     EXPECT_LE(cornerError(features[0], 720, card), 1.0)
@@ -434,7 +436,7 @@ TEST(RectangleDetector, CardLeadsSquaresAndStripsBesideIt) {
 
 TEST(RectangleDetector, OneDetectorServesManyThreads) {
   const auto detector = makeCardRectangleDetector();
-  SyntheticScene scene({});
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
   std::vector<PixelBuffer> frames;
   for (uint64_t i : {0, 200, 500, 700})
     frames.push_back(nv12Buffer(sceneFrame(scene, i), kPixelFormat420f, 64));
@@ -451,7 +453,7 @@ TEST(RectangleDetector, OneDetectorServesManyThreads) {
 }
 
 TEST(RectangleDetector, DrawsFoundQuadsOverAFrame) {
-  SyntheticScene scene({});
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
   cv::Mat frame = sceneFrame(scene, 0);
   const auto features = makeCardRectangleDetector()->featuresInImage(imageOf(frame));
   ASSERT_EQ(features.size(), 1u);

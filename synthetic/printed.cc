@@ -1,4 +1,4 @@
-#include "platform/media/synthetic_card.h"
+#include "synthetic/printed.h"
 
 #define ZX_USE_UTF8
 #include <ZXing/BitMatrix.h>
@@ -14,7 +14,7 @@
 
 #include <opencv2/imgproc.hpp>
 
-namespace kwq::platform {
+namespace kwq::synthetic {
 namespace {
 
 // Every colour stays at or below 200 in each channel: the two-pi focus measure skips blocks
@@ -203,19 +203,25 @@ std::vector<int> logicalRows(const ZXing::BitMatrix& m) {
   return rows;
 }
 
-std::optional<ZXing::BitMatrix> encodePdf417(const std::string& text) {
+std::optional<ZXing::BitMatrix> encode(SyntheticCodeType type, const std::string& text) {
   if (text.empty()) return std::nullopt;
   try {
-    ZXing::BitMatrix m = ZXing::MultiFormatWriter(ZXing::BarcodeFormat::PDF417)
+    const auto format =
+        type == SyntheticCodeType::QR ? ZXing::BarcodeFormat::QRCode : ZXing::BarcodeFormat::PDF417;
+    ZXing::BitMatrix m = ZXing::MultiFormatWriter(format)
                              .setMargin(0)
                              .setEncoding(ZXing::CharacterSet::UTF8)
                              .encode(text, 0, 0);
     if (m.width() <= 0 || m.height() <= 0) return std::nullopt;
     return m;
   } catch (...) {
-    // Too long for one symbol, or text the writer cannot encode: the card goes without.
+    // Too long for one symbol, or text the writer cannot encode: the prop goes without.
     return std::nullopt;
   }
+}
+
+std::optional<ZXing::BitMatrix> encodePdf417(const std::string& text) {
+  return encode(SyntheticCodeType::PDF417, text);
 }
 
 // Where the symbol goes: as large as the code box allows with rows kMinRowModules to
@@ -241,7 +247,7 @@ CodePlacement placeCode(const ZXing::BitMatrix& m) {
   return p;
 }
 
-cv::Rect2d drawCode(cairo_t* cr, const ZXing::BitMatrix& m) {
+void drawCode(cairo_t* cr, const ZXing::BitMatrix& m) {
   const CodePlacement place = placeCode(m);
   const std::vector<int>& rows = place.rows;
   const double module = place.module, rowHeight = place.rowHeight;
@@ -261,22 +267,67 @@ cv::Rect2d drawCode(cairo_t* cr, const ZXing::BitMatrix& m) {
     }
   }
   cairo_fill(cr);
-  return code;
+}
+
+// A sticker's quiet zone in modules: what each symbology's readers expect at the least.
+constexpr double stickerQuiet(SyntheticCodeType type) {
+  return type == SyntheticCodeType::QR ? 4.0 : 2.0;
 }
 
 }  // namespace
 
-cv::Rect2d codeOutlineMm(const std::string& codeText) {
-  const auto code = encodePdf417(codeText);
-  return code ? placeCode(*code).outline : cv::Rect2d();
+void addCoarserLevels(Texture& texture, int smallest) {
+  while (!texture.levels.empty() && texture.levels.back().cols / 2 >= smallest &&
+         texture.levels.back().rows / 2 >= 1) {
+    const cv::Mat& finer = texture.levels.back();
+    cv::Mat coarser;
+    cv::resize(finer, coarser, cv::Size(finer.cols / 2, finer.rows / 2), 0.0, 0.0, cv::INTER_AREA);
+    texture.levels.push_back(coarser);
+  }
 }
 
-CardTexture makeCardTexture(const std::string& codeText, double pixelsPerMm) {
+PrintedLayout cardLayout(const std::string& codeText) {
+  const auto code = encodePdf417(codeText);
+  return {{kCardWidthMm, kCardHeightMm}, code ? placeCode(*code).outline : cv::Rect2d()};
+}
+
+PrintedLayout stickerLayout(SyntheticCodeType type, const std::string& codeText) {
+  const auto code = encode(type, codeText);
+  if (!code) return {{20.0, 20.0}, {}};
+  const double q = stickerQuiet(type);
+  return {{code->width() + 2.0 * q, code->height() + 2.0 * q},
+          {q, q, static_cast<double>(code->width()), static_cast<double>(code->height())}};
+}
+
+Texture makeStickerTexture(SyntheticCodeType type, const std::string& codeText,
+                           double texelsPerModule) {
+  const int tpm = static_cast<int>(
+      std::round(std::clamp(std::isfinite(texelsPerModule) ? texelsPerModule : 4.0, 2.0, 16.0)));
+  const PrintedLayout layout = stickerLayout(type, codeText);
+  Texture texture;
+  texture.units = layout.units;
+  // White label stock, kept under 200 like the card so focus measures count it.
+  cv::Mat bgra(static_cast<int>(layout.units.height) * tpm,
+               static_cast<int>(layout.units.width) * tpm, CV_8UC4, cv::Scalar(196, 198, 198, 255));
+  if (const auto code = encode(type, codeText)) {
+    const int q = static_cast<int>(layout.outline.x);
+    for (int y = 0; y < code->height(); ++y)
+      for (int x = 0; x < code->width(); ++x)
+        if (code->get(x, y))
+          bgra(cv::Rect((x + q) * tpm, (y + q) * tpm, tpm, tpm)).setTo(cv::Scalar(30, 26, 26, 255));
+  }
+  texture.levels.push_back(bgra);
+  addCoarserLevels(texture, 16);
+  return texture;
+}
+
+Texture makeCardTexture(const std::string& codeText, double pixelsPerMm) {
   const double ppm =
       std::round(std::clamp(std::isfinite(pixelsPerMm) ? pixelsPerMm : 4.0, 4.0, 24.0));
   const int cols = static_cast<int>(kCardWidthMm * ppm);
   const int rows = static_cast<int>(kCardHeightMm * ppm);
-  CardTexture texture;
+  Texture texture;
+  texture.units = {kCardWidthMm, kCardHeightMm};
   cv::Mat bgra(rows, cols, CV_8UC4, cv::Scalar(kStock.b, kStock.g, kStock.r, 255));
   {
     Surface surface(cairo_image_surface_create_for_data(bgra.data, CAIRO_FORMAT_ARGB32, cols, rows,
@@ -292,20 +343,15 @@ CardTexture makeCardTexture(const std::string& codeText, double pixelsPerMm) {
       drawText(cr.get(), "REPUBLIC OF KWQ", 82.0, 3.0, 1.8, true, kNavy, true);
       drawPortrait(cr.get());
       drawFields(cr.get());
-      if (auto code = encodePdf417(codeText)) texture.codeMm = drawCode(cr.get(), *code);
+      if (auto code = encodePdf417(codeText)) drawCode(cr.get(), *code);
       cairo_surface_flush(surface.get());
     }
   }
   // Cairo draws premultiplied BGRA; every drawing is opaque over an opaque card, so the
   // texture stays plain opaque BGRA.
   texture.levels.push_back(bgra);
-  while (texture.levels.back().cols / 2 >= 64) {
-    const cv::Mat& finer = texture.levels.back();
-    cv::Mat coarser;
-    cv::resize(finer, coarser, cv::Size(finer.cols / 2, finer.rows / 2), 0.0, 0.0, cv::INTER_AREA);
-    texture.levels.push_back(coarser);
-  }
+  addCoarserLevels(texture, 64);
   return texture;
 }
 
-}  // namespace kwq::platform
+}  // namespace kwq::synthetic

@@ -1,6 +1,6 @@
-// The synthetic camera's scene: its ground truth against the pixels, the PDF417 symbol read
-// back with zxing-cpp, determinism and strides, effects, frames without or with partial cards,
-// and sizes and options it must survive.
+// The card scene's renderer: its ground truth against the pixels, the PDF417 symbol read back
+// with zxing-cpp, determinism and strides, effects, frames without or with partial cards, and
+// sizes and options it must survive.
 
 #define ZX_USE_UTF8
 #include <ZXing/ReadBarcode.h>
@@ -14,23 +14,22 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "platform/media/synthetic_scene.h"
 #include "support/test_support.h"
+#include "synthetic/renderer.h"
 
 // Fontconfig keeps what it parses for the card's text for the life of the process.
 extern "C" const char* __lsan_default_suppressions() {
   return "leak:libfontconfig.so\nleak:libexpat.so\n";
 }
 
-namespace kwq::platform {
+namespace kwq::synthetic {
 namespace {
 
 constexpr double kCardAspect = 86.0 / 54.0;
 
-cv::Mat render(SyntheticScene& scene, uint64_t index, SyntheticCameraEffects effects = {},
+cv::Mat render(SceneRenderer& scene, uint64_t index, CameraEffects effects = {},
                SyntheticFrameTruth* truth = nullptr) {
-  const auto& o = scene.options();
-  cv::Mat bgra(static_cast<int>(o.height), static_cast<int>(o.width), CV_8UC4);
+  cv::Mat bgra(static_cast<int>(scene.height()), static_cast<int>(scene.width()), CV_8UC4);
   const SyntheticFrameTruth t = scene.render(index, effects, bgra.data, bgra.step);
   if (truth) *truth = t;
   return bgra;
@@ -67,16 +66,25 @@ const std::vector<cv::Point2f> kInsideMm = {{1.2f, 27},  {84.8f, 27},  {43, 1.2f
                                             {43, 52.8f}, {1.2f, 1.2f}, {84.8f, 52.8f}};
 const std::vector<cv::Point2f> kOutsideMm = {{-3, 27}, {89, 27}, {43, -3}, {43, 57}, {-2, -2}};
 
-TEST(SyntheticSceneTruth, CardPixelsLieWhereTheTruthPutsThem) {
-  SyntheticScene scene({});
+// The card's truth in a frame that shows it.
+const SyntheticPropTruth& cardOf(const SyntheticFrameTruth& t) {
+  static const SyntheticPropTruth none;
+  return t.card() ? *t.card() : none;
+}
+std::array<Point, 4> codeCornersOf(const SyntheticFrameTruth& t) {
+  return t.card() && !t.card()->codes.empty() ? t.card()->codes[0].corners : std::array<Point, 4>{};
+}
+
+TEST(CardSceneTruth, CardPixelsLieWhereTheTruthPutsThem) {
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
   int fullFrames = 0, partialFrames = 0;
   for (uint64_t i = 0; i < 1800; i += 25) {
     SyntheticFrameTruth t;
     const cv::Mat gray = luma(render(scene, i, {}, &t));
-    ASSERT_TRUE(t.cardVisible) << i;
-    (t.cardFullyVisible ? fullFrames : partialFrames)++;
+    ASSERT_TRUE(t.card()) << i;
+    (cardOf(t).fullyVisible ? fullFrames : partialFrames)++;
     const cv::Mat h = cv::getPerspectiveTransform(
-        std::vector<cv::Point2f>{{0, 0}, {86, 0}, {86, 54}, {0, 54}}, quad(t.cardCorners));
+        std::vector<cv::Point2f>{{0, 0}, {86, 0}, {86, 54}, {0, 54}}, quad(cardOf(t).corners));
     auto check = [&](const std::vector<cv::Point2f>& mm, bool inside) {
       std::vector<cv::Point2f> px;
       cv::perspectiveTransform(mm, px, h);
@@ -123,14 +131,14 @@ double edgeOffset(const cv::Mat& gray, cv::Point2f a, cv::Point2f b, cv::Point2f
 // Sub-pixel: the card's outline (antialiased by coverage) and its print (the warped texture)
 // both sit where the truth says: the four card edges, the code's start bar, and the bottom of
 // the photo (dark shoulders over card stock, 23.7 mm from the top, 4 to 16 mm across).
-TEST(SyntheticSceneTruth, EdgesAndPrintSitOnTheTruthToSubPixels) {
-  SyntheticScene scene({});
+TEST(CardSceneTruth, EdgesAndPrintSitOnTheTruthToSubPixels) {
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
   for (uint64_t i : {0, 333, 610, 900, 1250, 1700}) {
     SyntheticFrameTruth t;
     cv::Mat gray;
     luma(render(scene, i, {}, &t)).convertTo(gray, CV_32F);
-    ASSERT_TRUE(t.cardFullyVisible) << i;
-    const auto q = quad(t.cardCorners), code = quad(t.codeCorners);
+    ASSERT_TRUE(cardOf(t).fullyVisible) << i;
+    const auto q = quad(cardOf(t).corners), code = quad(codeCornersOf(t));
     const cv::Point2f centre = (q[0] + q[1] + q[2] + q[3]) * 0.25f;
     for (int e = 0; e < 4; ++e)
       EXPECT_NEAR(edgeOffset(gray, q[e], q[(e + 1) % 4], centre), 0.0, 0.25) << i << " " << e;
@@ -143,15 +151,15 @@ TEST(SyntheticSceneTruth, EdgesAndPrintSitOnTheTruthToSubPixels) {
   }
 }
 
-TEST(SyntheticSceneTruth, AspectIsTheCardsWhenSquareOnAndDepartsWhenTilted) {
-  SyntheticScene scene({});
+TEST(CardSceneTruth, AspectIsTheCardsWhenSquareOnAndDepartsWhenTilted) {
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
   std::vector<double> square, tilted;
   for (uint64_t i = 0; i < 1800; ++i) {
     const SyntheticFrameTruth t = scene.truth(i);
-    const double off = std::abs(detectorAspect(t.cardCorners, 720) - kCardAspect);
-    if (t.cardTiltDegrees < 1.0) square.push_back(off);
-    if (t.cardTiltDegrees > 18.0) tilted.push_back(off);
-    EXPECT_LT(t.cardTiltDegrees, 25.0);
+    const double off = std::abs(detectorAspect(cardOf(t).corners, 720) - kCardAspect);
+    if (cardOf(t).tiltDegrees < 1.0) square.push_back(off);
+    if (cardOf(t).tiltDegrees > 18.0) tilted.push_back(off);
+    EXPECT_LT(cardOf(t).tiltDegrees, 25.0);
   }
   ASSERT_GE(square.size(), 2u);
   ASSERT_GE(tilted.size(), 20u);
@@ -159,26 +167,25 @@ TEST(SyntheticSceneTruth, AspectIsTheCardsWhenSquareOnAndDepartsWhenTilted) {
   EXPECT_GT(*std::max_element(tilted.begin(), tilted.end()), 0.12);
 }
 
-TEST(SyntheticSceneCode, ZXingReadsTheCodeInsideItsTruthCorners) {
-  SyntheticSceneOptions options;
-  options.codeText = "DOE<<JANE 1988-03-12 K47Q0193552";
-  SyntheticScene scene(options);
+TEST(CardSceneCode, ZXingReadsTheCodeInsideItsTruthCorners) {
+  const std::string text = "DOE<<JANE 1988-03-12 K47Q0193552";
+  SceneRenderer scene(SyntheticScene::card(text), 1280, 720);
   const auto hints = ZXing::DecodeHints().setFormats(ZXing::BarcodeFormat::PDF417);
   int candidates = 0, decoded = 0;
   // About a hundred frames spread over the whole path: every size and pose it takes.
   for (uint64_t i = 0; i < 1800; i += 17) {
     SyntheticFrameTruth t;
     const cv::Mat gray = luma(render(scene, i, {}, &t));
-    const auto code = quad(t.codeCorners);
+    const auto code = quad(codeCornersOf(t));
     const bool inFrame = std::all_of(code.begin(), code.end(), [&](auto p) {
       return p.x >= 0 && p.y >= 0 && p.x <= gray.cols && p.y <= gray.rows;
     });
-    if (!inFrame || t.cardTiltDegrees > 20.0) continue;
+    if (!inFrame || cardOf(t).tiltDegrees > 20.0) continue;
     ++candidates;
     const auto results = ZXing::ReadBarcodes(
         {gray.data, gray.cols, gray.rows, ZXing::ImageFormat::Lum, int(gray.step)}, hints);
     for (const auto& r : results) {
-      if (r.text() != options.codeText) continue;
+      if (r.text() != text) continue;
       ++decoded;
       for (const auto& p : r.position())
         EXPECT_GE(cv::pointPolygonTest(code, cv::Point2f(p.x, p.y), true), -3.0) << i;
@@ -189,12 +196,11 @@ TEST(SyntheticSceneCode, ZXingReadsTheCodeInsideItsTruthCorners) {
   EXPECT_GE(decoded, candidates * 9 / 10) << decoded << " of " << candidates;
 }
 
-TEST(SyntheticSceneFrames, DeterministicPerIndexAndStrideRespected) {
-  SyntheticSceneOptions options;
-  options.width = 320;
-  options.height = 240;
+TEST(CardSceneFrames, DeterministicPerIndexAndStrideRespected) {
+  SyntheticScene options = SyntheticScene::card();
   options.noiseSigma = 3.0;
-  SyntheticScene a(options), b(options);
+  const size_t width = 320, height = 240;
+  SceneRenderer a(options, width, height), b(options, width, height);
   const cv::Mat first = render(a, 77);
   render(a, 12);
   EXPECT_EQ(cv::norm(first, render(a, 77), cv::NORM_INF), 0.0);
@@ -202,29 +208,27 @@ TEST(SyntheticSceneFrames, DeterministicPerIndexAndStrideRespected) {
   EXPECT_GT(cv::norm(first, render(a, 78), cv::NORM_L1), 0.0);  // fresh noise, moved card
 
   // Padded rows: the padding is left alone and the pixels are the packed render's.
-  const size_t stride = 4 * options.width + 13;
-  std::vector<uint8_t> padded(stride * options.height, 0xAB);
+  const size_t stride = 4 * width + 13;
+  std::vector<uint8_t> padded(stride * height, 0xAB);
   const SyntheticFrameTruth t = a.render(77, {}, padded.data(), stride);
   const cv::Mat view(240, 320, CV_8UC4, padded.data(), stride);
   EXPECT_EQ(cv::norm(first, view, cv::NORM_INF), 0.0);
-  for (size_t y = 0; y < options.height; ++y)
-    for (size_t x = 4 * options.width; x < stride; ++x) ASSERT_EQ(padded[y * stride + x], 0xAB);
+  for (size_t y = 0; y < height; ++y)
+    for (size_t x = 4 * width; x < stride; ++x) ASSERT_EQ(padded[y * stride + x], 0xAB);
   std::vector<cv::Mat> channels;
   cv::split(first, channels);
   EXPECT_EQ(cv::countNonZero(channels[3] != 255), 0);
 
   const SyntheticFrameTruth u = a.truth(77);
-  EXPECT_EQ(t.cardCorners, u.cardCorners);
-  EXPECT_EQ(t.codeCorners, u.codeCorners);
-  EXPECT_EQ(t.cardVisible, u.cardVisible);
+  EXPECT_EQ(cardOf(t).corners, cardOf(u).corners);
+  EXPECT_EQ(codeCornersOf(t), codeCornersOf(u));
+  EXPECT_EQ(t.props.size(), u.props.size());
   EXPECT_EQ(t.frameIndex, 77u);
 }
 
-TEST(SyntheticSceneFrames, EffectsBlurBrightenAndAddNoise) {
-  SyntheticSceneOptions options;
-  options.width = 640;
-  options.height = 480;
-  SyntheticScene sharp(options);
+TEST(CardSceneFrames, EffectsBlurBrightenAndAddNoise) {
+  SyntheticScene options = SyntheticScene::card();
+  SceneRenderer sharp(options, 640, 480);
   auto highFrequency = [](const cv::Mat& bgra) {
     cv::Mat lap;
     cv::Laplacian(luma(bgra), lap, CV_64F);
@@ -234,7 +238,7 @@ TEST(SyntheticSceneFrames, EffectsBlurBrightenAndAddNoise) {
   const double energy = highFrequency(base);
   EXPECT_LT(highFrequency(render(sharp, 40, {.defocusSigma = 2.0})), energy * 0.3);
   options.blurSigma = 1.5;
-  SyntheticScene blurred(options);
+  SceneRenderer blurred(options, 640, 480);
   EXPECT_LT(highFrequency(render(blurred, 40)), energy * 0.5);
 
   const double mean = cv::mean(luma(base))[0];
@@ -242,8 +246,8 @@ TEST(SyntheticSceneFrames, EffectsBlurBrightenAndAddNoise) {
   EXPECT_NEAR(brighter / mean, 1.5, 0.1);
 
   options.blurSigma = 0.0;
-  options.exposureDrift = 0.3;
-  SyntheticScene drifting(options);
+  options.light.exposureDrift = 0.3;
+  SceneRenderer drifting(options, 640, 480);
   double lowest = 10, highest = 0;
   for (uint64_t i = 0; i < 225; i += 15) {
     const double ratio =
@@ -256,8 +260,8 @@ TEST(SyntheticSceneFrames, EffectsBlurBrightenAndAddNoise) {
 
   // Drift and dim seconds together, as the truth tells them: each frame's light over the
   // steady scene's is its truth's exposure; dim seconds come whole, and about as often as asked.
-  options.dimProbability = 0.4;
-  SyntheticScene dimming(options);
+  options.light.dimProbability = 0.4;
+  SceneRenderer dimming(options, 640, 480);
   int dimSeconds = 0;
   for (uint64_t second = 0; second < 60; ++second) {
     const SyntheticFrameTruth first = dimming.truth(second * 30);
@@ -271,11 +275,11 @@ TEST(SyntheticSceneFrames, EffectsBlurBrightenAndAddNoise) {
   }
   EXPECT_GE(dimSeconds, 14);
   EXPECT_LE(dimSeconds, 34);
-  options.dimProbability = 0.0;
+  options.light.dimProbability = 0.0;
 
-  options.exposureDrift = 0.0;
+  options.light.exposureDrift = 0.0;
   options.noiseSigma = 6.0;
-  SyntheticScene noisy(options);
+  SceneRenderer noisy(options, 640, 480);
   cv::Mat diff;
   luma(render(noisy, 40)).convertTo(diff, CV_64F);
   diff -= luma(base);  // luma averages three independent channels' noise
@@ -285,25 +289,19 @@ TEST(SyntheticSceneFrames, EffectsBlurBrightenAndAddNoise) {
   EXPECT_NEAR(m[0], 0.0, 0.3);
 }
 
-TEST(SyntheticSceneFrames, WithoutCardOnlyTheStillBackground) {
-  SyntheticSceneOptions options;
-  options.width = 400;
-  options.height = 300;
-  options.showCard = false;
-  SyntheticScene empty(options);
-  options.showCard = true;
-  SyntheticScene withCard(options);
+TEST(CardSceneFrames, WithoutCardOnlyTheStillBackground) {
+  SceneRenderer empty(SyntheticScene{}, 400, 300);
+  SceneRenderer withCard(SyntheticScene::card(), 400, 300);
   SyntheticFrameTruth t;
   const cv::Mat a = render(empty, 5, {}, &t);
-  EXPECT_FALSE(t.cardVisible);
-  EXPECT_TRUE(t.codeText.empty());
+  EXPECT_TRUE(t.props.empty());
   EXPECT_EQ(cv::norm(a, render(empty, 1234), cv::NORM_INF), 0.0);
   // The card scene differs from the empty one only over the card.
   SyntheticFrameTruth c;
   const cv::Mat b = render(withCard, 5, {}, &c);
   cv::Mat outside(b.size(), CV_8U, cv::Scalar(255));
   std::vector<cv::Point> poly;
-  for (const auto& p : quad(c.cardCorners)) poly.emplace_back(cv::Point(p));
+  for (const auto& p : quad(cardOf(c).corners)) poly.emplace_back(cv::Point(p));
   cv::fillConvexPoly(outside, poly, 0);
   cv::dilate(~outside, outside, cv::Mat(), {-1, -1}, 2);
   outside = ~outside;
@@ -311,25 +309,28 @@ TEST(SyntheticSceneFrames, WithoutCardOnlyTheStillBackground) {
   EXPECT_GT(cv::norm(a, b, cv::NORM_L1), 0.0);
 }
 
-TEST(SyntheticSceneFrames, PartialCardsAreShownAndFlaggedAFewSecondsAMinute) {
-  SyntheticScene scene({});
+TEST(CardSceneFrames, PartialCardsAreShownAndFlaggedAFewSecondsAMinute) {
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
   int partial = 0;
   for (uint64_t i = 0; i < 1800; ++i) {
     const SyntheticFrameTruth t = scene.truth(i);
-    const bool allInside = std::all_of(t.cardCorners.begin(), t.cardCorners.end(), [](Point p) {
-      return p.x >= 0 && p.x <= 1280 && p.y >= 0 && p.y <= 720;
-    });
-    EXPECT_EQ(t.cardFullyVisible, allInside);
-    EXPECT_TRUE(t.cardVisible);
-    partial += !t.cardFullyVisible;
+    const bool allInside =
+        std::all_of(cardOf(t).corners.begin(), cardOf(t).corners.end(),
+                    [](Point p) { return p.x >= 0 && p.x <= 1280 && p.y >= 0 && p.y <= 720; });
+    EXPECT_EQ(cardOf(t).fullyVisible, allInside);
+    EXPECT_TRUE(t.card());
+    partial += !cardOf(t).fullyVisible;
   }
   EXPECT_GE(partial, 3 * 30);  // a few seconds a minute
   EXPECT_LE(partial, 12 * 30);
 }
 
-TEST(SyntheticSceneRobustness, OddSizesAndOptions) {
+TEST(CardSceneRobustness, OddSizesAndOptions) {
   for (auto [w, h] : {std::pair<size_t, size_t>{16, 16}, {1, 1}, {3, 700}, {900, 2}}) {
-    SyntheticScene scene({.width = w, .height = h, .noiseSigma = 300, .exposureDrift = -5});
+    SyntheticScene wild = SyntheticScene::card();
+    wild.noiseSigma = 300;
+    wild.light.exposureDrift = -5;
+    SceneRenderer scene(wild, w, h);
     const cv::Mat frame =
         render(scene, ~uint64_t{0}, {.defocusSigma = 1e9, .lightGain = std::nan("")});
     std::vector<cv::Mat> channels;
@@ -339,38 +340,38 @@ TEST(SyntheticSceneRobustness, OddSizesAndOptions) {
   uint8_t canary[64];
   std::memset(canary, 0x5A, sizeof canary);
   for (auto [w, h] : {std::pair<size_t, size_t>{0, 10}, {10, 0}, {100000, 4}, {9000, 9000}}) {
-    SyntheticScene scene({.width = w, .height = h});
+    SceneRenderer scene(SyntheticScene::card(), w, h);
     const SyntheticFrameTruth t = scene.render(3, {}, canary, 4);
-    EXPECT_FALSE(t.cardVisible);
+    EXPECT_EQ(t.card() != nullptr, w > 0 && h > 0) << w << "x" << h;
     EXPECT_EQ(t.frameIndex, 3u);
   }
-  SyntheticScene small({.width = 8, .height = 8});
+  SceneRenderer small(SyntheticScene::card(), 8, 8);
   small.render(3, {}, canary, 31);  // a row needs 32 bytes
   small.render(3, {}, nullptr, 32);
   for (uint8_t b : canary) ASSERT_EQ(b, 0x5A);
 
-  SyntheticScene noCode({.width = 64, .height = 48, .codeText = ""});
-  EXPECT_TRUE(noCode.truth(0).cardVisible);
-  EXPECT_TRUE(noCode.truth(0).codeText.empty());
-  SyntheticScene tooLong({.width = 64, .height = 48, .codeText = std::string(5000, 'x')});
-  EXPECT_TRUE(tooLong.truth(0).codeText.empty());
-  EXPECT_EQ(tooLong.truth(0).codeCorners[2], Point{});
+  SceneRenderer noCode(SyntheticScene::card(""), 64, 48);
+  ASSERT_TRUE(noCode.truth(0).card());
+  EXPECT_TRUE(noCode.truth(0).card()->codes.empty());
+  SceneRenderer tooLong(SyntheticScene::card(std::string(5000, 'x')), 64, 48);
+  ASSERT_TRUE(tooLong.truth(0).card());
+  EXPECT_TRUE(tooLong.truth(0).card()->codes.empty());
 }
 
 // A few frames with their truth drawn, for a person to look at.
-TEST(SyntheticSceneContactSheet, WritesFramesWithTruth) {
-  SyntheticScene scene({});
+TEST(CardSceneContactSheet, WritesFramesWithTruth) {
+  SceneRenderer scene(SyntheticScene::card(), 1280, 720);
   std::vector<cv::Mat> tiles;
   for (uint64_t i : {0, 200, 450, 640, 900, 1400}) {
     SyntheticFrameTruth t;
     cv::Mat frame = render(scene, i, {}, &t);
-    for (auto [corners, colour] : {std::pair{t.cardCorners, cv::Scalar(0, 255, 0, 255)},
-                                   std::pair{t.codeCorners, cv::Scalar(0, 0, 255, 255)}}) {
+    for (auto [corners, colour] : {std::pair{cardOf(t).corners, cv::Scalar(0, 255, 0, 255)},
+                                   std::pair{codeCornersOf(t), cv::Scalar(0, 0, 255, 255)}}) {
       std::vector<cv::Point> poly;
       for (const auto& p : quad(corners)) poly.emplace_back(cv::Point(p));
       cv::polylines(frame, poly, true, colour, 2, cv::LINE_AA);
     }
-    cv::putText(frame, std::to_string(i) + (t.cardFullyVisible ? "" : " partial"), {20, 50},
+    cv::putText(frame, std::to_string(i) + (cardOf(t).fullyVisible ? "" : " partial"), {20, 50},
                 cv::FONT_HERSHEY_SIMPLEX, 1.5, {255, 255, 255, 255}, 3);
     cv::resize(frame, frame, {}, 0.5, 0.5, cv::INTER_AREA);
     tiles.push_back(frame);
@@ -383,4 +384,4 @@ TEST(SyntheticSceneContactSheet, WritesFramesWithTruth) {
 }
 
 }  // namespace
-}  // namespace kwq::platform
+}  // namespace kwq::synthetic

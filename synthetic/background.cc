@@ -1,4 +1,4 @@
-#include "platform/media/synthetic_background.h"
+#include "synthetic/background.h"
 
 #include <algorithm>
 #include <cmath>
@@ -6,9 +6,9 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include "platform/media/synthetic_motion.h"
+#include "synthetic/motion.h"
 
-namespace kwq::platform {
+namespace kwq::synthetic {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
@@ -115,4 +115,25 @@ cv::Mat makeBackground(size_t width, size_t height, uint64_t seed) {
   return bgra;
 }
 
-}  // namespace kwq::platform
+cv::Mat makeWall(size_t width, size_t height, uint64_t seed) {
+  const int w = static_cast<int>(width), h = static_cast<int>(height);
+  const cv::Size size(w, h);
+  cv::RNG rng(mixBits(seed ^ 0x3A11u));
+  const cv::Mat light = smoothNoise(rng, size, 2, 2);
+  const cv::Mat plaster = smoothNoise(rng, size, std::max(w / 6, 2), std::max(h / 6, 2));
+  cv::Mat bgra(size, CV_8UC4);
+  for (int y = 0; y < h; ++y) {
+    const float* lightRow = light.ptr<float>(y);
+    const float* plasterRow = plaster.ptr<float>(y);
+    cv::Vec4b* out = bgra.ptr<cv::Vec4b>(y);
+    const double ny = (y + 0.5) / h;
+    for (int x = 0; x < w; ++x) {
+      const double v = 100.0 + 14.0 * lightRow[x] + 6.0 * plasterRow[x] + 8.0 * (1.0 - ny);
+      out[x] = cv::Vec4b(cv::saturate_cast<uchar>(v * 1.02), cv::saturate_cast<uchar>(v),
+                         cv::saturate_cast<uchar>(v * 0.97), 255);
+    }
+  }
+  return bgra;
+}
+
+}  // namespace kwq::synthetic

@@ -1,4 +1,4 @@
-#include "platform/media/synthetic_camera.h"
+#include "synthetic/camera.h"
 
 #include <gst/app/gstappsrc.h>
 
@@ -14,8 +14,13 @@
 #include "kwqimage/CaptureSession.h"
 #include "platform/media/capture_internal.h"
 
-namespace kwq::platform {
+namespace kwq::synthetic {
 namespace {
+
+using platform::CameraBackend;
+using platform::CameraCapabilities;
+using platform::CameraControls;
+using platform::CameraSource;
 
 constexpr int kFocusPassFrames = 6;
 constexpr double kFocusingBlur = 2.0;
@@ -64,7 +69,7 @@ class SyntheticBackend final : public CameraBackend,
 
   std::optional<Size> sizeForPreset(std::string_view preset) const override {
     if (preset == AVCaptureSessionPresetHigh) return Size{1280, 720};
-    return fixedPresetSize(preset);
+    return platform::fixedPresetSize(preset);
   }
 
   std::unique_ptr<CameraSource> makeSource(size_t width, size_t height,
@@ -99,15 +104,14 @@ class SyntheticBackend final : public CameraBackend,
     if (!index || w == 0 || h == 0) return {};
     const size_t width = kStillWidth;
     const size_t height = std::max<size_t>(1, (h * kStillWidth + w / 2) / w);
-    if (height > SyntheticScene::kMaxSide) return {};
+    if (height > SceneRenderer::kMaxSide) return {};
     PixelBuffer pixels = PixelBuffer::allocate(kPixelFormatBGRA, width, height);
     if (pixels.isNull() || !pixels.lockBaseAddress()) return {};
     {
       std::lock_guard lock(stillMutex_);
-      if (!stillScene_ || stillScene_->options().width != width ||
-          stillScene_->options().height != height)
-        stillScene_ = std::make_unique<SyntheticScene>(sceneOptions(width, height));
-      stillScene_->render(*index, effectsOf(*index).value_or(SyntheticCameraEffects{}),
+      if (!stillScene_ || stillScene_->width() != width || stillScene_->height() != height)
+        stillScene_ = std::make_unique<SceneRenderer>(options_.scene, width, height);
+      stillScene_->render(*index, effectsOf(*index).value_or(CameraEffects{}),
                           pixels.baseAddressOfPlane(0), pixels.bytesPerRowOfPlane(0));
     }
     pixels.unlockBaseAddress();
@@ -115,8 +119,8 @@ class SyntheticBackend final : public CameraBackend,
   }
 
   // Effects of frame `index`, advancing the simulated lens by one frame. Producer thread.
-  SyntheticCameraEffects effectsForFrame(uint64_t index) {
-    SyntheticCameraEffects e;
+  CameraEffects effectsForFrame(uint64_t index) {
+    CameraEffects e;
     bool passFinished = false;
     {
       std::lock_guard lock(mutex_);
@@ -150,7 +154,7 @@ class SyntheticBackend final : public CameraBackend,
     return nextFrameIndex_;
   }
 
-  std::optional<SyntheticCameraEffects> effectsOf(uint64_t index) const {
+  std::optional<CameraEffects> effectsOf(uint64_t index) const {
     std::lock_guard lock(mutex_);
     const auto& slot = effects_[index % kEffectsKept];
     if (slot.first != index) return std::nullopt;
@@ -159,27 +163,12 @@ class SyntheticBackend final : public CameraBackend,
 
   SyntheticFrameTruth truthOf(uint64_t index, size_t width, size_t height) {
     std::lock_guard lock(truthMutex_);
-    if (!truthScene_ || truthScene_->options().width != width ||
-        truthScene_->options().height != height)
-      truthScene_ = std::make_unique<SyntheticScene>(sceneOptions(width, height));
+    if (!truthScene_ || truthScene_->width() != width || truthScene_->height() != height)
+      truthScene_ = std::make_unique<SceneRenderer>(options_.scene, width, height);
     return truthScene_->truth(index);
   }
 
-  SyntheticSceneOptions sceneOptions(size_t width, size_t height) const {
-    SyntheticSceneOptions s;
-    s.width = width;
-    s.height = height;
-    s.kind = options_.scene;
-    s.codeText = options_.codeText;
-    s.showCard = options_.showCard;
-    s.blurSigma = options_.blurSigma;
-    s.noiseSigma = options_.noiseSigma;
-    s.exposureDrift = options_.exposureDrift;
-    s.dimProbability = options_.dimProbability;
-    s.glareProbability = options_.glareProbability;
-    s.seed = options_.seed;
-    return s;
-  }
+  const SyntheticScene& scene() const { return options_.scene; }
 
  private:
   const SyntheticCameraOptions options_;
@@ -189,12 +178,12 @@ class SyntheticBackend final : public CameraBackend,
   bool lensInFocus_ = false;
   bool flashNextFrame_ = false;
   uint64_t nextFrameIndex_ = 0;
-  std::array<std::pair<uint64_t, SyntheticCameraEffects>, kEffectsKept> effects_;
+  std::array<std::pair<uint64_t, CameraEffects>, kEffectsKept> effects_;
 
   std::mutex truthMutex_;
-  std::unique_ptr<SyntheticScene> truthScene_;
+  std::unique_ptr<SceneRenderer> truthScene_;
   std::mutex stillMutex_;
-  std::unique_ptr<SyntheticScene> stillScene_;
+  std::unique_ptr<SceneRenderer> stillScene_;
 };
 
 // One run: an appsrc fed by a producer thread that renders a frame every 1/30 s of real time.
@@ -241,10 +230,9 @@ class SyntheticSource final : public CameraSource {
     using Clock = std::chrono::steady_clock;
     const auto period = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(1.0 / kSyntheticFrameRate));
-    SyntheticScene scene(backend_->sceneOptions(width_, height_));
-    const bool drawable = width_ <= SyntheticScene::kMaxSide &&
-                          height_ <= SyntheticScene::kMaxSide &&
-                          width_ * height_ <= SyntheticScene::kMaxPixels;
+    SceneRenderer scene(backend_->scene(), width_, height_);
+    const bool drawable = width_ <= SceneRenderer::kMaxSide && height_ <= SceneRenderer::kMaxSide &&
+                          width_ * height_ <= SceneRenderer::kMaxPixels;
     const size_t bytesPerRow = width_ * 4;
     const uint64_t base = backend_->nextFrameIndex();
     const auto start = Clock::now();
@@ -255,7 +243,7 @@ class SyntheticSource final : public CameraSource {
         if (wake_.wait_until(lock, start + tick * period, [this] { return stopping_; })) return;
       }
       const uint64_t index = base + tick;
-      const SyntheticCameraEffects effects = backend_->effectsForFrame(index);
+      const CameraEffects effects = backend_->effectsForFrame(index);
       GstBuffer* buffer = gst_buffer_new_allocate(nullptr, bytesPerRow * height_, nullptr);
       if (!buffer) return;
       GstMapInfo map;
@@ -303,15 +291,15 @@ std::shared_ptr<CameraBackend> makeSyntheticCameraBackend(SyntheticCameraOptions
   return std::make_shared<SyntheticBackend>(std::move(options));
 }
 
-std::optional<SyntheticCameraEffects> syntheticFrameEffects(const CaptureDevice& device,
-                                                            const SampleBuffer& frame) {
+std::optional<CameraEffects> syntheticFrameEffects(const CaptureDevice& device,
+                                                   const SampleBuffer& frame) {
   SyntheticBackend* backend = syntheticBackendOf(device);
   const auto index = syntheticFrameIndex(frame);
   if (!backend || !index) return std::nullopt;
   return backend->effectsOf(*index);
 }
 
-}  // namespace kwq::platform
+}  // namespace kwq::synthetic
 
 namespace kwq {
 
@@ -323,14 +311,32 @@ std::optional<uint64_t> syntheticFrameIndex(const SampleBuffer& frame) {
 
 std::optional<SyntheticFrameTruth> syntheticFrameTruth(const CaptureDevice& device,
                                                        const SampleBuffer& frame) {
-  platform::SyntheticBackend* backend = platform::syntheticBackendOf(device);
+  synthetic::SyntheticBackend* backend = synthetic::syntheticBackendOf(device);
   const auto index = syntheticFrameIndex(frame);
   if (!backend || !index || frame.isNull()) return std::nullopt;
   return backend->truthOf(*index, frame.imageBuffer().width(), frame.imageBuffer().height());
 }
 
 bool isSyntheticCamera(const CaptureDevice& device) {
-  return platform::syntheticBackendOf(device) != nullptr;
+  return synthetic::syntheticBackendOf(device) != nullptr;
+}
+
+std::shared_ptr<CaptureDevice> CaptureDevice::syntheticCamera(SyntheticCameraOptions options) {
+  std::string id = options.uniqueID;
+  std::string name = options.localizedName;
+  const int64_t position = options.position;
+  if (id.empty()) {
+    id = position == AVCaptureDevicePositionBack    ? "kwq.synthetic.back"
+         : position == AVCaptureDevicePositionFront ? "kwq.synthetic.front"
+                                                    : "kwq.synthetic." + std::to_string(position);
+  }
+  if (name.empty()) {
+    name = position == AVCaptureDevicePositionBack    ? "Synthetic Back Camera"
+           : position == AVCaptureDevicePositionFront ? "Synthetic Front Camera"
+                                                      : "Synthetic Camera";
+  }
+  return platform::makeCaptureDevice(std::move(id), std::move(name), position,
+                                     synthetic::makeSyntheticCameraBackend(std::move(options)));
 }
 
 }  // namespace kwq

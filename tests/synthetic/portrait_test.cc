@@ -12,34 +12,43 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "platform/media/synthetic_scene.h"
 #include "support/test_support.h"
+#include "synthetic/motion.h"
+#include "synthetic/renderer.h"
 
-namespace kwq::platform {
+namespace kwq::synthetic {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 
 bool havePhoto() {
-  return ::access(kPortraitPhotoPath, R_OK) == 0;
+  return ::access(kSyntheticPortraitPhotoPath, R_OK) == 0;
 }
 
-#define REQUIRE_PHOTO()                                            \
-  if (!havePhoto())                                                \
-  GTEST_SKIP() << "the portrait photograph " << kPortraitPhotoPath \
+#define REQUIRE_PHOTO()                                                     \
+  if (!havePhoto())                                                         \
+  GTEST_SKIP() << "the portrait photograph " << kSyntheticPortraitPhotoPath \
                << " is missing (Debian package python3-skimage; scripts/setup.sh installs it)"
 
-SyntheticSceneOptions portraitOptions(size_t w = 1280, size_t h = 720) {
-  SyntheticSceneOptions o;
-  o.width = w;
-  o.height = h;
-  o.kind = SyntheticSceneKind::Portrait;
-  return o;
+// The astronaut photograph's face: a 98-pixel square centred at (224, 114), its head leaning
+// 2.7 degrees clockwise (the portrait prop's defaults).
+constexpr double kFaceCentreX = 224.0, kFaceCentreY = 114.0, kFaceSide = 98.0, kPhotoRoll = 2.7;
+
+SceneRenderer portraitScene(size_t w = 1280, size_t h = 720,
+                            std::string photo = kSyntheticPortraitPhotoPath) {
+  SyntheticScene scene = SyntheticScene::portrait();
+  scene.props[0].photoPath = std::move(photo);
+  return SceneRenderer(scene, w, h);
 }
 
-cv::Mat render(SyntheticScene& scene, uint64_t index, SyntheticFrameTruth* truth = nullptr) {
-  const auto& o = scene.options();
-  cv::Mat bgra(static_cast<int>(o.height), static_cast<int>(o.width), CV_8UC4, cv::Scalar::all(7));
+// The face in a frame's truth; a face with no box where there is none.
+SyntheticFaceTruth faceOf(const SyntheticFrameTruth& t) {
+  return t.face() ? *t.face() : SyntheticFaceTruth{};
+}
+
+cv::Mat render(SceneRenderer& scene, uint64_t index, SyntheticFrameTruth* truth = nullptr) {
+  cv::Mat bgra(static_cast<int>(scene.height()), static_cast<int>(scene.width()), CV_8UC4,
+               cv::Scalar::all(7));
   const SyntheticFrameTruth t = scene.render(index, {}, bgra.data, bgra.step);
   if (truth) *truth = t;
   return bgra;
@@ -54,9 +63,9 @@ std::vector<cv::Point2f> quadOf(const std::array<Point, 4>& corners) {
 // The photograph's face square, turned by the head's own lean, as the truth's corners name it:
 // top left, top right, bottom right, bottom left of the upright face.
 std::vector<cv::Point2f> photoFaceCorners() {
-  const double a = kPortraitPhotoRollDegrees * kPi / 180.0, half = kPortraitFaceSide / 2.0;
+  const double a = kPhotoRoll * kPi / 180.0, half = kFaceSide / 2.0;
   const cv::Point2d across(std::cos(a), std::sin(a)), down(-std::sin(a), std::cos(a));
-  const cv::Point2d c(kPortraitFaceCentreX, kPortraitFaceCentreY);
+  const cv::Point2d c(kFaceCentreX, kFaceCentreY);
   std::vector<cv::Point2f> q;
   for (const auto& [u, v] : {std::pair{-1, -1}, {1, -1}, {1, 1}, {-1, 1}})
     q.push_back(c + u * half * across + v * half * down);
@@ -66,7 +75,7 @@ std::vector<cv::Point2f> photoFaceCorners() {
 // Mean absolute luma difference between the rendered frame and the photograph placed by the
 // truth's face corners, over the inner 80 % of the face box.
 double faceMismatch(const cv::Mat& frame, const cv::Mat& photo, const SyntheticFrameTruth& t) {
-  const std::vector<cv::Point2f> frameQuad = quadOf(t.faceCorners);
+  const std::vector<cv::Point2f> frameQuad = quadOf(faceOf(t).corners);
   const std::vector<cv::Point2f> photoQuad = photoFaceCorners();
   // Pixel indices are centres at i + 0.5 in both coordinate systems.
   std::vector<cv::Point2f> src(photoQuad.begin(), photoQuad.begin() + 3);
@@ -93,16 +102,16 @@ double faceMismatch(const cv::Mat& frame, const cv::Mat& photo, const SyntheticF
 
 TEST(PortraitScene, FaceInThePictureIsThePhotographsFaceWhereTheTruthPutsIt) {
   REQUIRE_PHOTO();
-  const cv::Mat photo = cv::imread(kPortraitPhotoPath, cv::IMREAD_COLOR);
+  const cv::Mat photo = cv::imread(kSyntheticPortraitPhotoPath, cv::IMREAD_COLOR);
   ASSERT_FALSE(photo.empty());
-  SyntheticScene scene(portraitOptions());
+  SceneRenderer scene = portraitScene();
   // Far and near, level and rolled both ways, and half out of the picture at the right.
   const std::vector<uint64_t> frames = {0, 75, 140, 225, 300, 420, 500, 640};
   std::vector<cv::Mat> strip;
   for (const uint64_t i : frames) {
     SyntheticFrameTruth t;
     const cv::Mat frame = render(scene, i, &t);
-    ASSERT_TRUE(t.faceVisible) << i;
+    ASSERT_TRUE(t.face()) << i;
     EXPECT_EQ(t.frameIndex, i);
     // Drawn straight from the photograph, the face matches to rounding; a half-pixel slip
     // would show as a couple of gray levels.
@@ -113,12 +122,13 @@ TEST(PortraitScene, FaceInThePictureIsThePhotographsFaceWhereTheTruthPutsIt) {
 
     cv::Mat shown = frame.clone();
     std::vector<cv::Point> box;
-    for (const cv::Point2f& p : quadOf(t.faceCorners)) box.emplace_back(p * 16.0f);
+    for (const cv::Point2f& p : quadOf(faceOf(t).corners)) box.emplace_back(p * 16.0f);
     cv::polylines(shown, box, true, cv::Scalar(0, 255, 255, 255), 3, cv::LINE_AA, 4);
     cv::line(shown, box[0], box[1], cv::Scalar(0, 0, 255, 255), 5, cv::LINE_AA, 4);  // top
-    cv::putText(shown,
-                "#" + std::to_string(i) + " roll " + std::to_string(std::lround(t.faceRollDegrees)),
-                {20, 60}, cv::FONT_HERSHEY_SIMPLEX, 1.8, cv::Scalar(255, 255, 255, 255), 3);
+    cv::putText(
+        shown,
+        "#" + std::to_string(i) + " roll " + std::to_string(std::lround(faceOf(t).rollDegrees)),
+        {20, 60}, cv::FONT_HERSHEY_SIMPLEX, 1.8, cv::Scalar(255, 255, 255, 255), 3);
     cv::resize(shown, shown, cv::Size(), 0.25, 0.25, cv::INTER_AREA);
     strip.push_back(shown);
   }
@@ -130,7 +140,7 @@ TEST(PortraitScene, FaceInThePictureIsThePhotographsFaceWhereTheTruthPutsIt) {
 
   // On a small picture the face is drawn from reduced copies of the photograph, which only
   // soften it.
-  SyntheticScene small(portraitOptions(320, 180));
+  SceneRenderer small = portraitScene(320, 180);
   for (const uint64_t i : {uint64_t{0}, uint64_t{75}, uint64_t{300}}) {
     SyntheticFrameTruth t;
     const cv::Mat frame = render(small, i, &t);
@@ -142,42 +152,43 @@ TEST(PortraitScene, FaceInThePictureIsThePhotographsFaceWhereTheTruthPutsIt) {
 TEST(PortraitScene, PathSweepsSizeAndRollAndLeavesThePictureWhole) {
   REQUIRE_PHOTO();
   const size_t w = 1280, h = 720;
-  SyntheticScene scene(portraitOptions(w, h));
-  SyntheticSceneOptions noPhoto = portraitOptions(w, h);
-  noPhoto.portraitPath = "/no/such/portrait.png";
-  SyntheticScene background(noPhoto);
+  SceneRenderer scene = portraitScene(w, h);
+  SceneRenderer background = portraitScene(w, h, "/no/such/portrait.png");
   const cv::Mat empty = render(background, 0);
 
   double minSide = 1e9, maxSide = 0.0, minRoll = 1e9, maxRoll = -1e9;
   int level = 0, plus30 = 0, minus30 = 0, gone = 0, partial = 0, full = 0;
   cv::Point2d last;
-  for (uint64_t i = 0; i < kPortraitPeriodFrames; ++i) {
+  for (uint64_t i = 0; i < kSwayPeriodFrames; ++i) {
     const SyntheticFrameTruth t = scene.truth(i);
-    const double side = t.faceBox.size.width;
-    ASSERT_EQ(t.faceBox.size.height, side);
-    minSide = std::min(minSide, side);
+    const SyntheticFaceTruth face = faceOf(t);
+    const double side = face.box.size.width;
+    ASSERT_EQ(face.box.size.height, side);
+    if (t.face()) minSide = std::min(minSide, side);
     maxSide = std::max(maxSide, side);
-    minRoll = std::min(minRoll, t.faceRollDegrees);
-    maxRoll = std::max(maxRoll, t.faceRollDegrees);
-    level += std::abs(t.faceRollDegrees) < 1.0;
-    plus30 += std::abs(t.faceRollDegrees - 30.0) < 1.0;
-    minus30 += std::abs(t.faceRollDegrees + 30.0) < 1.0;
-    gone += !t.faceVisible;
-    partial += t.faceVisible && !t.faceFullyVisible;
-    full += t.faceFullyVisible;
-    // Smooth: the face never jumps.
-    const cv::Point2d centre(t.faceBox.origin.x + side / 2, t.faceBox.origin.y + side / 2);
-    if (i > 0) EXPECT_LT(cv::norm(centre - last), 0.05 * w) << i;
-    last = centre;
+    gone += !t.face();
+    partial += t.face() && !face.fullyVisible;
+    full += t.face() && face.fullyVisible;
     // The path repeats.
-    const SyntheticFrameTruth again = scene.truth(i + 3 * kPortraitPeriodFrames);
-    ASSERT_EQ(again.faceCorners[2].x, t.faceCorners[2].x);
-    ASSERT_EQ(again.faceRollDegrees, t.faceRollDegrees);
-    // The card scene's fields stay empty.
-    ASSERT_FALSE(t.cardVisible);
-    ASSERT_TRUE(t.codeText.empty());
+    const SyntheticFrameTruth again = scene.truth(i + 3 * kSwayPeriodFrames);
+    ASSERT_EQ(faceOf(again).corners[2].x, face.corners[2].x);
+    ASSERT_EQ(faceOf(again).rollDegrees, face.rollDegrees);
+    ASSERT_FALSE(t.card());
+    if (!t.face()) {
+      last = {-1.0, -1.0};  // the face comes back at the edge it left by
+      continue;
+    }
+    minRoll = std::min(minRoll, face.rollDegrees);
+    maxRoll = std::max(maxRoll, face.rollDegrees);
+    level += std::abs(face.rollDegrees) < 1.0;
+    plus30 += std::abs(face.rollDegrees - 30.0) < 1.0;
+    minus30 += std::abs(face.rollDegrees + 30.0) < 1.0;
+    // Smooth: the face never jumps.
+    const cv::Point2d centre(face.box.origin.x + side / 2, face.box.origin.y + side / 2);
+    if (i > 0 && last.x > 0) EXPECT_LT(cv::norm(centre - last), 0.05 * w) << i;
+    last = centre;
   }
-  EXPECT_LE(minSide, 0.125 * h);
+  EXPECT_LE(minSide, 80.0);  // faces from 80 pixels wide in a 720-line picture
   EXPECT_GE(maxSide, 0.49 * h);
   EXPECT_LE(minRoll, -39.5);
   EXPECT_GE(maxRoll, 39.5);
@@ -186,12 +197,12 @@ TEST(PortraitScene, PathSweepsSizeAndRollAndLeavesThePictureWhole) {
   EXPECT_GT(minus30, 5);
   EXPECT_GE(gone, 2 * kSyntheticFrameRate);     // some seconds wholly out
   EXPECT_GE(partial, kSyntheticFrameRate / 3);  // and some frames on the way
-  EXPECT_GT(full, static_cast<int>(kPortraitPeriodFrames) / 2);
+  EXPECT_GT(full, static_cast<int>(kSwayPeriodFrames) / 2);
 
   // From 23.5 s to 26.5 s the whole photograph is gone, not just the face: the frame is the
   // bare background.
   for (uint64_t i = 706; i < 795; i += 8) {
-    ASSERT_FALSE(scene.truth(i).faceVisible) << i;
+    ASSERT_TRUE(scene.truth(i).props.empty()) << i;
     cv::Mat diff;
     cv::absdiff(render(scene, i), empty, diff);
     EXPECT_EQ(cv::countNonZero(diff.reshape(1)), 0) << i;
@@ -200,7 +211,7 @@ TEST(PortraitScene, PathSweepsSizeAndRollAndLeavesThePictureWhole) {
 
 TEST(PortraitScene, DeterministicAndWithoutItsPhotographFilmsTheBackground) {
   REQUIRE_PHOTO();
-  SyntheticScene a(portraitOptions(640, 360)), b(portraitOptions(640, 360));
+  SceneRenderer a = portraitScene(640, 360), b = portraitScene(640, 360);
   cv::Mat first = render(a, 501);
   render(a, 77);  // other frames in between change nothing
   cv::Mat diff;
@@ -212,14 +223,11 @@ TEST(PortraitScene, DeterministicAndWithoutItsPhotographFilmsTheBackground) {
   // A missing or undecodable photograph: background only, no face in the truth.
   for (const std::string path :
        {std::string("/no/such/portrait.png"), std::string("/etc/hostname")}) {
-    SyntheticSceneOptions o = portraitOptions(640, 360);
-    o.portraitPath = path;
-    SyntheticScene bare(o);
+    SceneRenderer bare = portraitScene(640, 360, path);
     SyntheticFrameTruth t;
     const cv::Mat frame = render(bare, 501, &t);
     EXPECT_EQ(t.frameIndex, 501u);
-    EXPECT_FALSE(t.faceVisible);
-    EXPECT_EQ(t.faceBox, Rect::zero());
+    EXPECT_TRUE(t.props.empty());
     cv::absdiff(frame, render(bare, 0), diff);
     EXPECT_EQ(cv::countNonZero(diff.reshape(1)), 0) << path;
     cv::absdiff(frame, first, diff);
@@ -230,20 +238,19 @@ TEST(PortraitScene, DeterministicAndWithoutItsPhotographFilmsTheBackground) {
 TEST(PortraitScene, SizesItCannotDrawLeaveTheBufferAndTheTruthEmpty) {
   for (const auto& [w, h] : std::vector<std::pair<size_t, size_t>>{
            {0, 0}, {0, 720}, {1280, 0}, {9000, 10}, {SIZE_MAX, 2}}) {
-    SyntheticScene scene(portraitOptions(w, h));
+    SceneRenderer scene = portraitScene(w, h);
     uint8_t canary[16] = {1, 2, 3};
     const SyntheticFrameTruth t = scene.render(40, {}, canary, 4);
     EXPECT_EQ(canary[0], 1);
     EXPECT_EQ(canary[3], 0);
-    EXPECT_FALSE(t.faceVisible) << w << "x" << h;
-    EXPECT_EQ(t.faceBox, Rect::zero());
+    EXPECT_TRUE(t.props.empty()) << w << "x" << h;
   }
   // Tiny pictures are drawn whole, without reading outside them.
   for (const auto& [w, h] : std::vector<std::pair<size_t, size_t>>{{1, 1}, {3, 200}, {200, 3}}) {
-    SyntheticScene scene(portraitOptions(w, h));
-    for (uint64_t i = 0; i < kPortraitPeriodFrames; i += 37) render(scene, i);
+    SceneRenderer scene = portraitScene(w, h);
+    for (uint64_t i = 0; i < kSwayPeriodFrames; i += 37) render(scene, i);
   }
 }
 
 }  // namespace
-}  // namespace kwq::platform
+}  // namespace kwq::synthetic
