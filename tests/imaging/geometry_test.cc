@@ -16,12 +16,6 @@ using test::makeImage;
 using test::pixelAt;
 using test::Px;
 
-TEST(Geometry, DegreesAndRadiansUseThePublishedFormulas) {
-  EXPECT_EQ(DegreesToRadians(180.0), 3.141592653589793);
-  EXPECT_EQ(RadiansToDegrees(3.141592653589793), 180.0);
-  EXPECT_EQ(DegreesToRadians(1.0), 1.0 * 3.141592653589793 / 180.0);
-}
-
 // Where each pixel of a 4 x 2 picture lands: both methods, both senses. Even sides put every
 // pixel exactly on a pixel of the canvas, so the values are exact.
 TEST(Geometry, QuarterAndHalfTurnsPlaceEveryPixel) {

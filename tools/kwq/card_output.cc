@@ -86,6 +86,13 @@ void CardOutput::getLastSampleBuffer(const SampleBuffer& sample, Rect rect, doub
   if (frames_) frames_->getLastSampleBuffer(sample, rect, yaw, roll, code);
 }
 
+void CardOutput::getNewStillImage(const Image& image) {
+  // The engine hands stills to its one delegate; without this a run with card captures
+  // would never see the still it asked for.
+  if (auto* still = dynamic_cast<KWQStillImageDelegate*>(frames_.get()))
+    still->getNewStillImage(image);
+}
+
 void CardOutput::cardCaptureDidUpdate(const CardCapture& live, const CardCapture& best) {
   guidance_ = live.guidance;
   started_ = true;

@@ -17,8 +17,10 @@
 namespace kwq::tool {
 
 /// The engine's delegate when card captures are wanted: takes the card captures and passes
-/// the frame call on to `frames`.
-class CardOutput final : public KWQFrameDelegate, public KWQCardCaptureDelegate {
+/// the frame call, and a still picture when `frames` takes one, on to `frames`.
+class CardOutput final : public KWQFrameDelegate,
+                         public KWQCardCaptureDelegate,
+                         public KWQStillImageDelegate {
  public:
   /// `keepFrames`: also keep one JSON line per frame for the sidecar.
   CardOutput(std::shared_ptr<KWQFrameDelegate> frames, bool keepFrames);
@@ -27,6 +29,7 @@ class CardOutput final : public KWQFrameDelegate, public KWQCardCaptureDelegate 
   void getLastSampleBuffer(const SampleBuffer& sample, Rect rect, double yaw, double roll,
                            const std::optional<std::string>& code) override;
   void cardCaptureDidUpdate(const CardCapture& live, const CardCapture& best) override;
+  void getNewStillImage(const Image& image) override;
 
   /// The latest frame's guidance word ("-" before the first frame). Thread: any.
   std::string guidance() const;

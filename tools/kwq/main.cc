@@ -1,10 +1,7 @@
 // kwq: the command-line face of the library.
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <iostream>
-#include <map>
+#include <optional>
 
 #include <CLI/CLI.hpp>
 
@@ -18,57 +15,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag("--version", "kwq " + std::to_string(KWQImageVersionNumber).substr(0, 3));
 
-  kwq::tool::CaptureOptions capture;
-  std::string mode = "card";
-  CLI::App* captureCommand = app.add_subcommand(
-      "capture",
-      "Run the capture engine on a camera (the synthetic one where no webcam is attached), "
-      "show progress and print a summary");
-  CLI::Option* frames =
-      captureCommand->add_option("--frames", capture.frames, "Stop after N frames")
-          ->check(CLI::PositiveNumber);
-  captureCommand->add_option("--seconds", capture.seconds, "Stop after S seconds")
-      ->check(CLI::PositiveNumber)
-      ->excludes(frames);
-  captureCommand->add_option("--mode", mode, "card (card detection, default) or face")
-      ->check(CLI::IsMember({"card", "face"}));
-  captureCommand->add_option("--camera", capture.camera,
-                             "A camera's unique id, a video file, or synthetic");
-  captureCommand->add_flag("--record", capture.record,
-                           "Record the stream with the engine's recorder (uncompressed movie, "
-                           "about 55 MB a second at 1280x720, unless --codec says otherwise)");
-  const std::map<std::string, kwq::MovieCodec> codecs{{"raw", kwq::MovieCodec::Raw},
-                                                      {"h264", kwq::MovieCodec::H264Lossless}};
-  captureCommand
-      ->add_option("--codec", capture.codec,
-                   "Recorder codec: raw (uncompressed, default) or h264 (lossless H.264, about a "
-                   "ninth of the size)")
-      ->transform(CLI::CheckedTransformer(codecs, CLI::ignore_case));
-  captureCommand->add_option("--snapshot", capture.snapshot,
-                             "Save the frame on which the card first became stable (PNG)");
-  captureCommand->add_flag("--json", capture.json,
-                           "Print the summary as one JSON object instead of the table");
-  captureCommand->add_option("--events", capture.events,
-                             "Write one JSON line per delivered frame to FILE");
-  captureCommand->add_option("--preview", capture.preview,
-                             "At the end, render the preview view with its overlays (PNG)");
-  std::string previewSize = "640x480";
-  captureCommand->add_option("--preview-size", previewSize,
-                             "Size of the preview view in points, WxH (default 640x480)");
-  captureCommand->add_option("--still", capture.still,
-                             "At the end, take a still picture and save it (PNG)");
-  captureCommand->add_option("--toggle-at", capture.toggleAt,
-                             "Switch between the front and the back camera at frame N");
-  captureCommand->add_option("--out", capture.outDir,
-                             "Write the best captured card to DIR/card.png and DIR/card.json");
-  captureCommand
-      ->add_option("--glare", capture.glare,
-                   "Synthetic camera: share of frames with a glare hotspot on the card (0..1)")
-      ->check(CLI::Range(0.0, 1.0));
-  captureCommand
-      ->add_option("--dim", capture.dim,
-                   "Synthetic camera: share of seconds filmed in dim light (0..1)")
-      ->check(CLI::Range(0.0, 1.0));
+  kwq::tool::CaptureCommandLine capture(app);
 
   std::vector<std::string> qualityFiles;
   CLI::App* quality = app.add_subcommand(
@@ -92,17 +39,9 @@ int main(int argc, char** argv) {
   }
 
   try {
-    if (*captureCommand) {
-      capture.cardMode = mode == "card";
-      char x = 0, rest = 0;
-      if (std::sscanf(previewSize.c_str(), "%d%c%d%c", &capture.previewWidth, &x,
-                      &capture.previewHeight, &rest) != 3 ||
-          (x != 'x' && x != 'X')) {
-        std::cerr << "kwq capture: --preview-size must be WxH, as 640x480\n";
-        return 2;
-      }
-      capture.liveProgress = ::isatty(STDOUT_FILENO) != 0;
-      return kwq::tool::runCapture(capture, std::cout, std::cerr);
+    if (capture.chosen()) {
+      const std::optional<kwq::tool::CaptureOptions> options = capture.options(std::cerr);
+      return options ? kwq::tool::runCapture(*options, std::cout, std::cerr) : 2;
     }
     if (*viewCommand) return kwq::tool::runView(argc, argv, view, std::cout, std::cerr);
     if (*quality) return kwq::tool::runQuality(qualityFiles, std::cout, std::cerr);

@@ -1,7 +1,6 @@
 #include "kwq/quality_command.h"
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 
 #include <kwqimage/KWQImagingHelper.h>
@@ -18,8 +17,6 @@ std::vector<std::string> scoreRow(const std::string& name, const Image& image) {
   const int32_t brightness = calculateBrightness(image);
   const double ms =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-  char time[32];
-  std::snprintf(time, sizeof time, "%.1f", ms);
   const char* layout = image.layout() == PixelLayout::Gray8 ? "gray" : "BGRA";
   return {name,
           std::to_string(image.width()),
@@ -28,7 +25,7 @@ std::vector<std::string> scoreRow(const std::string& name, const Image& image) {
           std::to_string(focus),
           std::to_string(focusScore),
           std::to_string(brightness),
-          time};
+          formatNumber("%.1f", ms)};
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <iomanip>
 
 namespace kwq::tool {
@@ -14,6 +15,12 @@ bool looksNumeric(const std::string& s) {
 }
 
 }  // namespace
+
+std::string formatNumber(const char* fmt, double value) {
+  char text[64];
+  std::snprintf(text, sizeof text, fmt, value);
+  return text;
+}
 
 void Table::print(std::ostream& out) const {
   std::vector<size_t> widths(header_.size(), 0);

@@ -22,4 +22,7 @@ class Table {
   bool alignLeft_ = false;
 };
 
+/// `value` as printf prints it with `fmt` (one conversion of a double), for a cell or a line.
+std::string formatNumber(const char* fmt, double value);
+
 }  // namespace kwq::tool
