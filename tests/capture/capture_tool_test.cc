@@ -271,13 +271,51 @@ TEST(CaptureTool, SnapshotRecordingFileCameraAndBadOptions) {
                                         "capture --frames 3 --seconds 1",
                                         "capture --mode portrait",
                                         "capture --glare 2",
-                                        "capture --dim 0.5 --camera " + movieFile};
+                                        "capture --dim 0.5 --camera " + movieFile,
+                                        "capture --scene /no/such/scene.json",
+                                        "capture --scene portrait --camera " + movieFile};
   for (const std::string& args : bad) {
     run = kwq(args);
     EXPECT_EQ(run.code, 2) << args;
     EXPECT_EQ(run.out.find("frames delivered"), std::string::npos) << args;
     EXPECT_FALSE(run.err.empty()) << args;
   }
+}
+
+// A scene file with a card and a portrait: every event carries the truth of both, the card's
+// code read live is the text the truth names, and the events of the same scene (same seed) are
+// the same frames.
+TEST(CaptureTool, SceneFileFilmsTwoPropsAndEventsCarryTheTruthOfEach) {
+  const fs::path dir = fs::path(test::outputDir()) / "capture-tool-scene";
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+  const std::string scene = (dir / "two.json").string();
+  std::ofstream(scene) << R"({"background": "wall", "seed": 7, "props": [
+      {"kind": "card", "code": "KWQ STUDIO 0001", "at": [0.3, 0.55], "size": 0.36},
+      {"kind": "portrait", "at": [0.74, 0.42], "size": 0.12,
+       "motion": [{"kind": "pan", "to": [0.7, 0.5], "period": 8}]}]})";
+  const std::string events = (dir / "events.jsonl").string();
+  const ToolRun run = kwq("capture --scene " + scene + " --frames 45 --events " + events);
+  ASSERT_EQ(run.code, 0) << run.err;
+  std::ifstream lines(events);
+  int frames = 0;
+  for (std::string line; std::getline(lines, line); ++frames) {
+    const size_t truth = line.find("\"truth\":{\"props\":[{\"kind\":\"card\",\"name\":\"card\"");
+    ASSERT_NE(truth, std::string::npos) << line;
+    const size_t portrait = line.find("{\"kind\":\"portrait\",\"name\":\"portrait\"", truth);
+    ASSERT_NE(portrait, std::string::npos) << line;
+    EXPECT_NE(line.find("\"text\":\"KWQ STUDIO 0001\"", truth), std::string::npos) << line;
+    EXPECT_NE(line.find("\"face\":{\"box\":[", portrait), std::string::npos) << line;
+    // The card holds still where the file put it: its top-left corner about 30 % across
+    // less half its 36 %.
+    const size_t corners = line.find("\"corners\":[[", truth);
+    ASSERT_NE(corners, std::string::npos) << line;
+    EXPECT_NEAR(std::strtod(line.c_str() + corners + 12, nullptr), 0.12 * 1280, 0.02 * 1280);
+    const size_t code = line.find("\"code\":\"");
+    if (code != std::string::npos && code < truth)
+      EXPECT_EQ(line.compare(code, 26, "\"code\":\"KWQ STUDIO 0001\""), 0) << line;
+  }
+  EXPECT_EQ(frames, 45);
 }
 
 // BT.601 in floating point: full range, or video range stretched first.

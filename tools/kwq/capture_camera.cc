@@ -9,19 +9,35 @@
 namespace kwq::tool {
 namespace {
 
-// The synthetic camera settings the run asks for: the card or the portrait, glare, dim light.
-SyntheticCameraOptions syntheticOptions(const CaptureOptions& run) {
+// The scene the run asks for (--scene, else the mode's), with --glare and --dim; none after
+// one line on `err`.
+std::optional<SyntheticScene> sceneFor(const CaptureOptions& run, std::ostream& err) {
+  std::string name = run.scene.empty() ? (run.cardMode ? "card" : "portrait") : run.scene;
+  std::optional<SyntheticScene> scene = SyntheticScene::preset(name);
+  if (!scene) {
+    std::string error;
+    scene = syntheticSceneFromFile(name, &error);
+    if (!scene) {
+      err << "kwq capture: --scene takes card, portrait, empty or a scene file: " << error << "\n";
+      return std::nullopt;
+    }
+  }
+  if (run.glare > 0) scene->light.glareProbability = run.glare;
+  if (run.dim > 0) scene->light.dimProbability = run.dim;
+  return scene;
+}
+
+// The synthetic camera settings the run asks for.
+SyntheticCameraOptions syntheticOptions(const SyntheticScene& scene) {
   SyntheticCameraOptions options;
-  if (!run.cardMode) options.scene = SyntheticScene::portrait();
-  options.scene.light.glareProbability = run.glare;
-  options.scene.light.dimProbability = run.dim;
+  options.scene = scene;
   return options;
 }
 
 // A synthetic camera like `camera` (its position, id and name) with the run's settings.
 std::shared_ptr<CaptureDevice> syntheticCameraLike(const CaptureDevice& camera,
-                                                   const CaptureOptions& run) {
-  SyntheticCameraOptions options = syntheticOptions(run);
+                                                   const SyntheticScene& scene) {
+  SyntheticCameraOptions options = syntheticOptions(scene);
   options.position = camera.position();
   options.uniqueID = camera.uniqueID();
   options.localizedName = camera.localizedName();
@@ -30,8 +46,9 @@ std::shared_ptr<CaptureDevice> syntheticCameraLike(const CaptureDevice& camera,
 
 // The camera to switch to with --toggle-at: a synthetic camera of the other position filming
 // the same scene, so that a machine without a second camera can show the switch.
-std::shared_ptr<CaptureDevice> partnerFor(const CaptureDevice& camera, const CaptureOptions& run) {
-  SyntheticCameraOptions options = syntheticOptions(run);
+std::shared_ptr<CaptureDevice> partnerFor(const CaptureDevice& camera,
+                                          const SyntheticScene& scene) {
+  SyntheticCameraOptions options = syntheticOptions(scene);
   options.position = camera.position() == AVCaptureDevicePositionFront
                          ? AVCaptureDevicePositionBack
                          : AVCaptureDevicePositionFront;
@@ -67,16 +84,19 @@ std::shared_ptr<CaptureDevice> setUpCamera(const CaptureOptions& options, std::o
   std::shared_ptr<CaptureDevice> camera = chooseCamera(options.camera, err);
   if (!camera) return nullptr;
   // Synthetic cameras film the card; face mode films the portrait instead.
+  std::optional<SyntheticScene> scene;
   if (isSyntheticCamera(*camera)) {
-    if (!options.cardMode || options.glare > 0 || options.dim > 0)
-      camera = syntheticCameraLike(*camera, options);
-  } else if (options.glare > 0 || options.dim > 0) {
-    err << "kwq capture: --glare and --dim set up the synthetic camera; " << camera->uniqueID()
-        << " is not one\n";
+    scene = sceneFor(options, err);
+    if (!scene) return nullptr;
+    camera = syntheticCameraLike(*camera, *scene);
+  } else if (options.glare > 0 || options.dim > 0 || !options.scene.empty()) {
+    err << "kwq capture: --scene, --glare and --dim set up the synthetic camera; "
+        << camera->uniqueID() << " is not one\n";
     return nullptr;
   }
   std::vector<std::shared_ptr<CaptureDevice>> devices{camera};
-  if (options.toggleAt) devices.push_back(partnerFor(*camera, options));
+  if (options.toggleAt)
+    devices.push_back(partnerFor(*camera, scene ? *scene : *SyntheticScene::preset("card")));
   CaptureDevice::setDevices(devices);
   return camera;
 }

@@ -2,6 +2,8 @@
 
 #include <kwqimage/SyntheticCamera.h>
 
+#include "kwq/truth_json.h"
+
 namespace kwq::tool {
 namespace {
 
@@ -46,7 +48,8 @@ Json rectJson(Rect r) {
 }
 
 void writeFrameEvent(std::ostream& out, uint64_t frame, const SampleBuffer& sample,
-                     const FrameResults& r, const std::vector<CodeSeen>& codes, MediaTime found) {
+                     const FrameResults& r, const std::vector<CodeSeen>& codes, MediaTime found,
+                     const SyntheticFrameTruth* truth) {
   Json event = Json::object();
   event.set("frame", frame);
   const auto index = syntheticFrameIndex(sample);
@@ -61,6 +64,7 @@ void writeFrameEvent(std::ostream& out, uint64_t frame, const SampleBuffer& samp
   event.set("code", !codes.empty() && codes.back().text ? Json(*codes.back().text) : Json());
   event.set("code_type", codes.empty() ? Json() : Json(codes.back().type));
   event.set("card_rect", r.card != Rect::zero() ? rectJson(r.card) : Json());
+  event.set("truth", truth ? truthJson(*truth) : Json());
   event.write(out);
   out << '\n';
 }

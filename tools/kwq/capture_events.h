@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <kwqimage/KWQVideoHelper.h>
+#include <kwqimage/SyntheticCamera.h>
 
 #include "kwq/json.h"
 
@@ -43,9 +44,10 @@ FrameResults readFrameResults(const KWQVideoHelper& engine, const SampleBuffer& 
 Json rectJson(Rect r);
 
 /// One line of --events for the `frame`th delivered frame: its numbers and time, the results,
-/// the newest codes and the time of the frame they were found in (invalid: none).
+/// the newest codes and the time of the frame they were found in (invalid: none), and what a
+/// synthetic camera's frame shows (`truth`; null for other cameras).
 void writeFrameEvent(std::ostream& out, uint64_t frame, const SampleBuffer& sample,
                      const FrameResults& results, const std::vector<CodeSeen>& codes,
-                     MediaTime found);
+                     MediaTime found, const SyntheticFrameTruth* truth);
 
 }  // namespace kwq::tool

@@ -133,7 +133,11 @@ void CaptureMonitor::noteResults(const SampleBuffer& sample) {
     if (r.hasYaw) ++s_.yaws[r.yaw];
     if (r.hasRoll) ++s_.rolls[r.roll];
   }
-  if (events_) writeFrameEvent(*events_, s_.stepMs.size(), sample, r, codes, found);
+  if (events_) {
+    const auto camera = engine_->device();
+    const auto truth = camera ? syntheticFrameTruth(*camera, sample) : std::nullopt;
+    writeFrameEvent(*events_, s_.stepMs.size(), sample, r, codes, found, truth ? &*truth : nullptr);
+  }
 }
 
 }  // namespace kwq::tool

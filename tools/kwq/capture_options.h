@@ -28,6 +28,9 @@ struct CaptureOptions {
   /// "synthetic"; a camera's unique id; or a video file played as a camera. In face mode a
   /// synthetic camera films the portrait scene instead of the card.
   std::string camera;
+  /// What a synthetic camera films: "card", "portrait", "empty" or a scene file (.json);
+  /// empty: the card in card mode, the portrait in face mode.
+  std::string scene;
   /// Record the camera stream with the engine's recorder (recordCameraData).
   bool record = false;
   /// The recorder's codec for this run; raw (uncompressed) by default.
