@@ -44,7 +44,6 @@ TEST(Image, NullAndBitmaplessImagesAreDistinctAndSafe) {
   EXPECT_TRUE(null.isNull());
   EXPECT_FALSE(null.hasBitmap());
   EXPECT_EQ(null.size(), Size::zero());
-  EXPECT_EQ(null.description(), "(null)");
 
   const Image bare = Image::withoutBitmap({30, 20});
   EXPECT_FALSE(bare.isNull());
@@ -164,16 +163,6 @@ TEST(BitmapDraw, GrayDrawIsPackedAndLosesTopRowsWhenTheRectIsTaller) {
   EXPECT_GE(cut.bytes()[0], 55);
   EXPECT_NEAR(cut.bytes()[9 * 8], 100, 1);
   EXPECT_TRUE(platform::drawIntoGray(Image::withoutBitmap({8, 8}), 8, 8, {8, 8}).isNull());
-}
-
-TEST(Log, SinkReceivesWholeLinesAndCanBeRestored) {
-  std::vector<std::string> seen;
-  LogSink previous = setLogSink([&](std::string_view line) { seen.emplace_back(line); });
-  log("first");
-  log("second line");
-  setLogSink(std::move(previous));
-  log("to stderr");
-  EXPECT_EQ(seen, (std::vector<std::string>{"first", "second line"}));
 }
 
 }  // namespace

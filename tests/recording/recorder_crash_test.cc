@@ -89,9 +89,9 @@ struct Child {
 // Twenty recordings with `codec`, each killed at a random moment; every movie must decode (with
 // GStreamer's decoders, as a player would) to within a second of the kill.
 void killTwentyRecordings(const std::string& codec) {
-  char name[] = "/tmp/kwq-crash-XXXXXX";
-  ASSERT_NE(::mkdtemp(name), nullptr);
-  const fs::path root = name;
+  const test::TempDir dir("kwq-crash");
+  ASSERT_FALSE(dir.path.empty());
+  const fs::path& root = dir.path;
   std::mt19937 rng(std::random_device{}());
   // Kill after 10..60 appended frames (a third of a second to two seconds of movie): late
   // enough that qtmux has written its first index, which it does at the first frame it stores.
@@ -121,7 +121,6 @@ void killTwentyRecordings(const std::string& codec) {
           << c.documents << ": " << movie.frames << " of " << c.progress.frames << " frames";
     }
   }
-  fs::remove_all(root);
 }
 
 TEST(RecorderCrash, AKilledRecordingLeavesAMoviePlayableToWithinASecondOfTheKill) {

@@ -139,14 +139,15 @@ TEST_P(RecordedMovie, HoldsEveryFrameAsDeliveredWithItsTimeStamps) {
   EXPECT_EQ(worst, 0);  // repacking only: the stored samples are the delivered ones
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Formats, RecordedMovie,
-    ::testing::Values(Format{kPixelFormat420f, 640, 480}, Format{kPixelFormat420f, 1280, 720},
-                      Format{kPixelFormatBGRA, 640, 480}, Format{kPixelFormatBGRA, 1280, 720}),
-    [](const auto& info) {
-      return std::string(info.param.pixelFormat == kPixelFormatBGRA ? "BGRA" : "NV12") +
-             std::to_string(info.param.width);
-    });
+// One size a format: the stored size follows the frames (padded rows: the refusal test below).
+INSTANTIATE_TEST_SUITE_P(Formats, RecordedMovie,
+                         ::testing::Values(Format{kPixelFormat420f, 1280, 720},
+                                           Format{kPixelFormatBGRA, 640, 480}),
+                         [](const auto& info) {
+                           return std::string(info.param.pixelFormat == kPixelFormatBGRA ? "BGRA"
+                                                                                         : "NV12") +
+                                  std::to_string(info.param.width);
+                         });
 
 TEST_F(Recorder, SecondRecordingWritesTheNextNumberIntoAFreshlyEmptiedFolder) {
   test::LogCapture log;

@@ -3,10 +3,12 @@
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #include <gst/video/video.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
 
 #include "platform/media/gst_init.h"
 
@@ -56,6 +58,16 @@ uint8_t bgraAt(size_t x, size_t y, int i, int c) {
 }
 
 }  // namespace
+
+TempDir::TempDir(const std::string& prefix) {
+  std::string name = "/tmp/" + prefix + "-XXXXXX";
+  if (::mkdtemp(name.data())) path = name;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  if (!path.empty()) std::filesystem::remove_all(path, ignored);
+}
 
 PixelBuffer patternFrame(uint32_t pixelFormat, size_t width, size_t height, int index,
                          size_t rowAlignment) {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
@@ -49,6 +50,16 @@ struct MovieSummary {
 MovieSummary readMovie(const std::string& path,
                        const std::function<void(const StoredFrame&)>& onFrame = {},
                        bool decode = false);
+
+/// A new folder /tmp/<prefix>-XXXXXX, removed with its contents when this goes; `path` is
+/// empty when it could not be made.
+struct TempDir {
+  explicit TempDir(const std::string& prefix);
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  std::filesystem::path path;
+};
 
 /// Polls `condition` until it holds or `timeout` passes; true when it held.
 template <class Condition>

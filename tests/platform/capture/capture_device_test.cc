@@ -67,8 +67,6 @@ TEST(CaptureDeviceTest, ModesTorchAndFlashFollowWhatTheCameraHas) {
   EXPECT_FALSE(camera->isExposureModeSupported(3));
   camera->setExposureMode(3);
   EXPECT_EQ(camera->exposureMode(), AVCaptureExposureModeContinuousAutoExposure);
-  camera->setWhiteBalanceMode(AVCaptureWhiteBalanceModeLocked);
-  EXPECT_EQ(camera->whiteBalanceMode(), AVCaptureWhiteBalanceModeLocked);
 
   // Torch levels: (0, max] accepted, shining at most at what the lamp has available.
   for (float bad : {0.0f, -1.0f, 1.0001f, std::numeric_limits<float>::quiet_NaN()}) {

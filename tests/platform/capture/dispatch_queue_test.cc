@@ -130,15 +130,6 @@ TEST(DispatchQueueTest, GlobalPoolRunsBlocksConcurrently) {
   EXPECT_TRUE(test::pumpMainContextUntil([&] { return finished.load() == 2; }));
 }
 
-TEST(DispatchQueueTest, OnceRunsOneBlockAcrossThreads) {
-  std::once_flag flag;
-  std::atomic<int> calls{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) threads.emplace_back([&] { dispatchOnce(flag, [&] { ++calls; }); });
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(calls.load(), 1);
-}
-
 TEST(TimerTest, RepeatsOnTheMainContextUntilInvalidated) {
   int fired = 0;
   std::shared_ptr<platform::Timer> timer;

@@ -1,8 +1,6 @@
 // The movie writer on its own: file URLs, what it refuses and why, back-pressure on its queue,
 // finishing on its own thread, and the movie it leaves.
 
-#include <stdlib.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -23,12 +21,7 @@ namespace {
 
 class MovieWriterTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char name[] = "/tmp/kwq-writer-XXXXXX";
-    ASSERT_NE(::mkdtemp(name), nullptr);
-    root_ = name;
-  }
-  void TearDown() override { fs::remove_all(root_); }
+  void SetUp() override { ASSERT_FALSE(root_.empty()); }
 
   std::string url(const std::string& name) const {
     return fileURLWithPath((root_ / name).string());
@@ -43,7 +36,8 @@ class MovieWriterTest : public ::testing::Test {
     return done.get();
   }
 
-  fs::path root_;
+  const test::TempDir dir_{"kwq-writer"};
+  const fs::path root_ = dir_.path;
 };
 
 TEST(FileURL, RoundTripsAnyPathAndRefusesWhatIsNotALocalFile) {

@@ -1,8 +1,6 @@
 // The photo library: copies into the pictures folder under free names only, and the errors it
 // reports through its completion. (PNG images: the recorder's tests.)
 
-#include <stdlib.h>
-
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -13,7 +11,7 @@
 
 #include "platform/foundation/user_dirs.h"
 #include "platform/media/photo_library.h"
-#include "support/test_support.h"
+#include "recording/recording_support.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -30,15 +28,10 @@ struct Saved {
 class PhotoLibrary : public ::testing::Test {
  protected:
   void SetUp() override {
-    char name[] = "/tmp/kwq-photos-XXXXXX";
-    ASSERT_NE(::mkdtemp(name), nullptr);
-    root_ = name;
+    ASSERT_FALSE(root_.empty());
     setUserFolderOverride(UserFolder::Pictures, (root_ / "Pictures" / "Library").string());
   }
-  void TearDown() override {
-    setUserFolderOverride(UserFolder::Pictures, "");
-    fs::remove_all(root_);
-  }
+  void TearDown() override { setUserFolderOverride(UserFolder::Pictures, ""); }
 
   // Saves a movie and waits for the completion.
   static Saved saveVideo(const fs::path& p) {
@@ -56,7 +49,8 @@ class PhotoLibrary : public ::testing::Test {
   }
   fs::path library() const { return root_ / "Pictures" / "Library"; }
 
-  fs::path root_;
+  const test::TempDir dir_{"kwq-photos"};
+  const fs::path root_ = dir_.path;
 };
 
 TEST_F(PhotoLibrary, CopiesMoviesUnderFreeNamesOnly) {

@@ -104,22 +104,15 @@ TEST_F(PreviewRenderTest, GravityLetterboxesCropsOrStretches) {
 }
 
 TEST_F(PreviewRenderTest, FrontCameraIsShownMirrored) {
-  // 1:1 (straight into the canvas) and scaled (through Cairo): the frame's top-left quadrant
-  // shows at the top right.
+  // 1:1, straight into the canvas: the frame's top-left quadrant shows at the top right. (The
+  // resampled path's mirroring: the clipped test below.)
   const Image direct =
       render(AVLayerVideoGravityResizeAspect, {64, 48}, AVCaptureDevicePositionFront);
-  const Image scaled =
-      render(AVLayerVideoGravityResizeAspect, {128, 96}, AVCaptureDevicePositionFront);
   const Image back = render(AVLayerVideoGravityResizeAspect, {64, 48});
-  savePng(scaled, "render_front_mirrored");
   EXPECT_EQ(pixelAt(direct, 63, 0), q_.tl);
   EXPECT_EQ(pixelAt(direct, 0, 0), q_.tr);
   EXPECT_EQ(pixelAt(direct, 63, 47), q_.bl);
   EXPECT_EQ(pixelAt(direct, 0, 47), q_.br);
-  EXPECT_EQ(pixelAt(back, 0, 0), q_.tl);
-  EXPECT_TRUE(near(pixelAt(scaled, 125, 2), q_.tl));
-  EXPECT_TRUE(near(pixelAt(scaled, 2, 2), q_.tr));
-  EXPECT_TRUE(near(pixelAt(scaled, 2, 93), q_.br));
   // Every pixel of the direct render is the mirror of the unmirrored one.
   for (size_t y = 0; y < 48; y += 5)
     for (size_t x = 0; x < 64; ++x) ASSERT_EQ(pixelAt(direct, x, y), pixelAt(back, 63 - x, y));
