@@ -175,8 +175,23 @@ SyntheticScene SyntheticScene::portrait() {
   return scene;
 }
 
+SyntheticScene SyntheticScene::turningCard(std::string codeText) {
+  using K = SyntheticMotion::Kind;
+  SyntheticScene scene;
+  SyntheticProp card;
+  card.codeText = std::move(codeText);
+  card.size = 0.42;
+  card.motion = {{.kind = K::Turn, .period = 12.0, .amount = 45.0},
+                 {.kind = K::Tilt, .period = 7.0, .amount = 12.0, .amount2 = 8.0},
+                 {.kind = K::Pan, .period = 9.0, .to = {0.46, 0.54}},
+                 {.kind = K::Shake, .amount = 0.004}};
+  scene.props.push_back(std::move(card));
+  return scene;
+}
+
 std::optional<SyntheticScene> SyntheticScene::preset(std::string_view name) {
   if (name == "card") return card();
+  if (name == "turning") return turningCard();
   if (name == "portrait") return portrait();
   if (name == "empty") return SyntheticScene{};
   return std::nullopt;
@@ -196,7 +211,7 @@ std::optional<SyntheticScene> syntheticSceneFromJson(std::string_view text, std:
     const auto preset =
         it->is_string() ? SyntheticScene::preset(it->get<std::string>()) : std::nullopt;
     if (!preset) {
-      r.fail("scene.preset", "expected \"card\", \"portrait\" or \"empty\"");
+      r.fail("scene.preset", "expected \"card\", \"turning\", \"portrait\" or \"empty\"");
       return std::nullopt;
     }
     scene = *preset;

@@ -164,7 +164,12 @@ struct KWQ_EXPORT SyntheticScene {
   /// A portrait photograph before a kiosk camera (faces 12 to 50 % of the picture's height,
   /// rolling, leaving the picture for 3 s of every 30 s), over the desk.
   static SyntheticScene portrait();
-  /// A preset by name: "card", "portrait" or "empty" (the desk alone); none for other names.
+  /// The card held 42 % of the picture's width across, turning through +-45 degrees in the
+  /// picture's plane every 12 s while it tilts up to about 14 degrees, drifts and trembles: a
+  /// licence held at any slant.
+  static SyntheticScene turningCard(std::string codeText = std::string(kSyntheticCardAAMVAText));
+  /// A preset by name: "card", "turning", "portrait" or "empty" (the desk alone); none for
+  /// other names.
   static std::optional<SyntheticScene> preset(std::string_view name);
 };
 

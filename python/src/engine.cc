@@ -335,7 +335,7 @@ void defineEngine(py::module_& m) {
                      "        for frame in itertools.islice(engine, 100): ...\n\n"
                      "camera: 'synthetic' (default), a camera's unique id or a video file.\n"
                      "mode: 'card' (card detection) or 'face'. scene: what the synthetic\n"
-                     "camera films: 'card', 'portrait', 'empty' or a scene file (.json)\n"
+                     "camera films: 'card', 'turning', 'portrait', 'empty' or a scene file\n"
                      "(default: 'portrait' in face mode). Frame.truth lists the props in view.\n"
                      "preset: 'high', '1920x1080', '1280x720' or '640x480'. record: record\n"
                      "the stream with the recorder. queue_size: frames kept for a slow reader\n"

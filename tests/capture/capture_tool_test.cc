@@ -220,7 +220,7 @@ TEST(CaptureTool, SnapshotRecordingFileCameraAndBadOptions) {
 
   // The first stable frame as a PNG of the frame's size.
   const std::string snapshot = (dir / "card.png").string();
-  ToolRun run = kwq("capture --frames 30 --snapshot " + snapshot);
+  ToolRun run = kwq("capture --frames 90 --snapshot " + snapshot);
   ASSERT_EQ(run.code, 0) << run.err;
   EXPECT_EQ(run.summary()["snapshot"], snapshot);
   const Image image = Image::loadFile(snapshot);

@@ -194,5 +194,27 @@ TEST(SceneMotions, EachMotionMovesThePropAsDescribed) {
   EXPECT_LT(most, 1.5 * 0.02 * 0.3 * 1280);
 }
 
+// The turning licence: every slant from -45 to 45 degrees over a period, with the card and
+// its code whole in the picture nearly all the time, so code readers can be measured at any
+// angle against the code's truth.
+TEST(ScenePresets, TurningCardSweepsItsSlantAndStaysInThePicture) {
+  SceneRenderer scene(SyntheticScene::turningCard(), 1280, 720);
+  double lowest = 0, highest = 0;
+  int whole = 0;
+  for (uint64_t i = 0; i < 360; ++i) {
+    const SyntheticFrameTruth t = scene.truth(i);
+    ASSERT_TRUE(t.card() && t.card()->codes.size() == 1) << i;
+    lowest = std::min(lowest, t.card()->rollDegrees);
+    highest = std::max(highest, t.card()->rollDegrees);
+    bool inside = t.card()->fullyVisible;
+    for (const Point& p : t.card()->codes[0].corners)
+      inside = inside && p.x >= 0 && p.x <= 1280 && p.y >= 0 && p.y <= 720;
+    whole += inside;
+  }
+  EXPECT_LT(lowest, -44.0);
+  EXPECT_GT(highest, 44.0);
+  EXPECT_GE(whole, 0.95 * 360);
+}
+
 }  // namespace
 }  // namespace kwq::synthetic

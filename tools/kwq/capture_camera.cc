@@ -18,7 +18,8 @@ std::optional<SyntheticScene> sceneFor(const CaptureOptions& run, std::ostream& 
     std::string error;
     scene = syntheticSceneFromFile(name, &error);
     if (!scene) {
-      err << "kwq capture: --scene takes card, portrait, empty or a scene file: " << error << "\n";
+      err << "kwq capture: --scene takes card, turning, portrait, empty or a scene file: " << error
+          << "\n";
       return std::nullopt;
     }
   }

@@ -41,8 +41,9 @@ CaptureCommandLine::CaptureCommandLine(CLI::App& app) {
   c->add_option("--mode", mode_, "card (card detection, default) or face")
       ->check(CLI::IsMember({"card", "face"}));
   c->add_option("--camera", o.camera, "A camera's unique id, a video file, or synthetic");
-  c->add_option("--scene", o.scene,
-                "Synthetic camera: card, portrait, empty or a scene file (FILE.json; see README)");
+  c->add_option(
+      "--scene", o.scene,
+      "Synthetic camera: card, turning, portrait, empty or a scene file (FILE.json; see README)");
   c->add_flag("--record", o.record,
               "Record the stream with the engine's recorder (uncompressed movie, about 55 MB a "
               "second at 1280x720, unless --codec says otherwise)");
