@@ -23,9 +23,9 @@ constexpr int kCell = 8;
 // Pictures larger than this on their long side are analysed reduced (the symbols that fit
 // them have modules wide enough for it).
 constexpr int kMaxAnalysisSide = 1600;
-// A bar cell: mean squared Sobel response at least this (an edge of 25 gray levels every few
-// pixels), and edges agreeing at least this well (1: all parallel).
-constexpr float kMinEnergy = 2500.0f;
+// A bar cell: mean squared central difference at least this (an edge of 25 gray levels every
+// few pixels), and edges agreeing at least this well (1: all parallel).
+constexpr float kMinEnergy = 160.0f;
 constexpr float kMinCoherence = 0.55f;
 // Neighbouring cells join a region when their directions differ by less than this.
 constexpr double kJoinRadians = 14.0 * std::numbers::pi / 180.0;
@@ -34,6 +34,7 @@ constexpr int kMinCells = 8;
 // Margins around the cells found: the bars' ends and the start and stop patterns sit at the
 // region's edge, where cells are only partly covered.
 constexpr double kMarginCells = 1.0;
+constexpr double kMaxBarRatio = 2.0;
 
 struct Cell {
   float energy = 0, coherence = 0;
@@ -66,17 +67,31 @@ std::vector<BarRegion> locateBarRegions(const cv::Mat& gray, size_t maxRegions) 
     if (gw < 2 || gh < 2) return {};
     const cv::Mat analysed = picture(cv::Rect(0, 0, gw * kCell, gh * kCell));
 
-    cv::Mat gx, gy, jxx, jyy, jxy;
-    cv::Sobel(analysed, gx, CV_32F, 1, 0, 3);
-    cv::Sobel(analysed, gy, CV_32F, 0, 1, 3);
-    cv::multiply(gx, gx, jxx);
-    cv::multiply(gy, gy, jyy);
-    cv::multiply(gx, gy, jxy);
-    cv::Mat cxx, cyy, cxy;
-    const cv::Size grid(gw, gh);
-    cv::resize(jxx, cxx, grid, 0, 0, cv::INTER_AREA);
-    cv::resize(jyy, cyy, grid, 0, 0, cv::INTER_AREA);
-    cv::resize(jxy, cxy, grid, 0, 0, cv::INTER_AREA);
+    // The tensor's three sums per cell in one pass over every second row (central
+    // differences), with no picture-sized buffers: on a live frame, allocating and touching
+    // those would cost more than the sums.
+    cv::Mat cxx(gh, gw, CV_32F, cv::Scalar(0)), cyy(gh, gw, CV_32F, cv::Scalar(0)),
+        cxy(gh, gw, CV_32F, cv::Scalar(0));
+    const float norm = 2.0f / (kCell * kCell);
+    for (int y = 1; y + 1 < gh * kCell; y += 2) {
+      const uint8_t* up = analysed.ptr<uint8_t>(y - 1);
+      const uint8_t* mid = analysed.ptr<uint8_t>(y);
+      const uint8_t* down = analysed.ptr<uint8_t>(y + 1);
+      float* rxx = cxx.ptr<float>(y / kCell);
+      float* ryy = cyy.ptr<float>(y / kCell);
+      float* rxy = cxy.ptr<float>(y / kCell);
+      for (int cx = 0; cx < gw; ++cx) {
+        int sxx = 0, syy = 0, sxy = 0;
+        const int x0 = std::max(1, cx * kCell), x1 = std::min(gw * kCell - 1, cx * kCell + kCell);
+        for (int x = x0; x < x1; ++x) {
+          const int gx = mid[x + 1] - mid[x - 1], gy = down[x] - up[x];
+          sxx += gx * gx, syy += gy * gy, sxy += gx * gy;
+        }
+        rxx[cx] += static_cast<float>(sxx) * norm;
+        ryy[cx] += static_cast<float>(syy) * norm;
+        rxy[cx] += static_cast<float>(sxy) * norm;
+      }
+    }
     // Over three cells square: a wide bar or space of a large symbol leaves single cells
     // without edges, which would break the symbol into pieces.
     cv::blur(cxx, cxx, cv::Size(3, 3));
@@ -148,6 +163,12 @@ std::vector<BarRegion> locateBarRegions(const cv::Mat& gray, size_t maxRegions) 
       const double across = margin + kCell + 0.05 * (maxA - minA);
       minA -= across, maxA += across, minB -= margin, maxB += margin;
       const double a = 0.5 * (minA + maxA), b = 0.5 * (minB + maxB);
+      // A symbol's bars are at most about twice as long as it is wide (few columns, many
+      // rows); longer runs of parallel lines are stripes, railings, wood.
+      if (maxB - minB > kMaxBarRatio * (maxA - minA)) {
+        regions.push_back({});
+        continue;
+      }
       BarRegion r;
       // Analysis pixel centres sit at (i + 0.5) toPicture - 0.5 in the picture.
       r.centre = {(a * ux - b * uy) * toPicture - 0.5, (a * uy + b * ux) * toPicture - 0.5};
