@@ -55,8 +55,8 @@ struct DetectedCode {
   std::string type;
   /// The decoded text (UTF-8); none when the symbol holds binary data rather than text.
   std::optional<std::string> text;
-  /// The symbol's corners in bitmap pixels (origin top left, y down), clockwise from the
-  /// symbol's own top left as printed.
+  /// The symbol's corners in bitmap pixels (origin top left, y down), as a code object names
+  /// them: the symbol's own bottom left, bottom right, top right, top left as printed.
   std::array<Point, 4> corners{};
 };
 

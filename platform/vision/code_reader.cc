@@ -12,6 +12,8 @@
 #include <ZXing/ReadBarcode.h>
 
 #include <algorithm>
+#include <array>
+#include <cmath>
 #include <cstdint>
 #include <exception>
 #include <memory>
@@ -24,6 +26,7 @@
 #include "platform/foundation/fault_fence.h"
 #include "platform/foundation/log_format.h"
 #include "platform/image/image_data.h"
+#include "platform/vision/code_locator.h"
 
 namespace kwq::platform {
 namespace {
@@ -35,6 +38,15 @@ constexpr size_t kMaxSide = 65535;
 // Reduced copies are searched for pictures whose short side is at least this; smaller ones
 // would lose the modules of any symbol that fits them.
 constexpr size_t kMinReducedSide = 480;
+// A located region is resampled into at most this many pixels (a region larger than that has
+// modules wide enough to lose some resolution).
+constexpr double kMaxCropPixels = 0.6e6;
+// Nor longer than this across the bars: zxing's time grows with the crop, and a symbol that
+// long has modules wide enough without enlarging.
+constexpr double kMaxCropLength = 900;
+// The lean measured in an upright crop: steps of half a degree up to four degrees either way.
+constexpr double kSkewStepRadians = 0.5 * 3.14159265358979 / 180;
+constexpr int kSkewSteps = 8;
 
 // The zxing formats among the requested type strings.
 ZXing::BarcodeFormats requestedFormats(const std::vector<std::string>& types) {
@@ -89,19 +101,67 @@ double unit(double v) {
   return std::clamp(v, 0.0, 1.0);
 }
 
-MetadataObjects toObjects(const ZXing::Results& results, size_t width, size_t height,
+// A decoded symbol: its format, zxing's result and its corners in picture pixels (pixel
+// centres), as zxing gives them: the symbol's own top left, top right, bottom right, bottom
+// left.
+struct Decoded {
+  ZXing::Result result;
+  std::array<cv::Point2d, 4> corners;
+};
+
+Decoded decoded(ZXing::Result r, const cv::Mat& toPicture = {}) {
+  Decoded d{std::move(r), {}};
+  for (size_t i = 0; i < 4; ++i) {
+    const ZXing::PointI p = d.result.position()[i];
+    cv::Point2d q(p.x, p.y);
+    if (!toPicture.empty())
+      q = {toPicture.at<double>(0, 0) * p.x + toPicture.at<double>(0, 1) * p.y +
+               toPicture.at<double>(0, 2),
+           toPicture.at<double>(1, 0) * p.x + toPicture.at<double>(1, 1) * p.y +
+               toPicture.at<double>(1, 2)};
+    d.corners[i] = q;
+  }
+  return d;
+}
+
+cv::Point2d middle(const Decoded& d) {
+  return 0.25 * (d.corners[0] + d.corners[1] + d.corners[2] + d.corners[3]);
+}
+
+// Whether `p` lies inside the quadrilateral of `d`'s corners (either winding).
+bool covers(const Decoded& d, cv::Point2d p) {
+  int sign = 0;
+  for (size_t i = 0; i < 4; ++i) {
+    const cv::Point2d a = d.corners[i], b = d.corners[(i + 1) % 4];
+    const double cross = (b.x - a.x) * (p.y - a.y) - (b.y - a.y) * (p.x - a.x);
+    const int s = cross > 0 ? 1 : cross < 0 ? -1 : 0;
+    if (s != 0 && sign != 0 && s != sign) return false;
+    if (s != 0) sign = s;
+  }
+  return true;
+}
+
+// The same symbol found twice (by two searches or two overlapping regions).
+bool sameSymbol(const Decoded& a, const Decoded& b) {
+  return a.result.format() == b.result.format() && a.result.bytes() == b.result.bytes() &&
+         (covers(a, middle(b)) || covers(b, middle(a)));
+}
+
+MetadataObjects toObjects(const std::vector<Decoded>& found, size_t width, size_t height,
                           MediaTime time, MediaTime duration) {
   MetadataObjects out;
   const double w = static_cast<double>(width), h = static_cast<double>(height);
-  for (const ZXing::Result& r : results) {
-    if (!r.isValid()) continue;
+  for (const Decoded& d : found) {
+    const ZXing::Result& r = d.result;
     auto code = std::make_shared<MetadataMachineReadableCodeObject>();
     code->type = r.format() == ZXing::BarcodeFormat::QRCode ? AVMetadataObjectTypeQRCode
                                                             : AVMetadataObjectTypePDF417Code;
-    // zxing's position starts at the symbol's own top left and goes round clockwise.
+    // A code object's corners go bottom left, bottom right, top right, top left of the symbol
+    // as printed, so that an upright symbol's rectangle from its third corner to its second
+    // and first has a positive width and height.
     double minX = 1, minY = 1, maxX = 0, maxY = 0;
-    for (const ZXing::PointI& p : r.position()) {
-      const Point n{unit(p.x / w), unit(p.y / h)};
+    for (size_t i : {3, 2, 1, 0}) {
+      const Point n{unit(d.corners[i].x / w), unit(d.corners[i].y / h)};
       code->corners.push_back(n);
       minX = std::min(minX, n.x);
       minY = std::min(minY, n.y);
@@ -124,23 +184,20 @@ bool sizeFits(size_t width, size_t height, size_t bytesPerRow) {
          bytesPerRow <= static_cast<size_t>(INT32_MAX) / height;
 }
 
-// The picture reduced by `factor` in block means, as gray.
-cv::Mat reducedGray(const ZXing::ImageView& view, int factor) {
+// The picture as gray: the view itself when it is gray, a converted copy otherwise.
+cv::Mat grayOf(const ZXing::ImageView& view) {
   const int type = view.format() == ZXing::ImageFormat::Lum   ? CV_8UC1
                    : view.format() == ZXing::ImageFormat::RGB ? CV_8UC3
                                                               : CV_8UC4;
   const cv::Mat full(view.height(), view.width(), type, const_cast<uint8_t*>(view.data(0, 0)),
                      static_cast<size_t>(view.rowStride()));
-  cv::Mat gray = full;
-  if (type != CV_8UC1)
-    cv::cvtColor(full, gray,
-                 view.format() == ZXing::ImageFormat::RGB    ? cv::COLOR_RGB2GRAY
-                 : view.format() == ZXing::ImageFormat::RGBX ? cv::COLOR_RGBA2GRAY
-                                                             : cv::COLOR_BGRA2GRAY);
-  cv::Mat small;
-  cv::resize(gray, small, cv::Size(view.width() / factor, view.height() / factor), 0, 0,
-             cv::INTER_AREA);
-  return small;
+  if (type == CV_8UC1) return full;
+  cv::Mat gray;
+  cv::cvtColor(full, gray,
+               view.format() == ZXing::ImageFormat::RGB    ? cv::COLOR_RGB2GRAY
+               : view.format() == ZXing::ImageFormat::RGBX ? cv::COLOR_RGBA2GRAY
+                                                           : cv::COLOR_BGRA2GRAY);
+  return gray;
 }
 
 // zxing's search, fenced (see fault_fence.h): a symbol that makes the decoder fault gives
@@ -165,6 +222,112 @@ ZXing::Results readFenced(const ZXing::ImageView& view, const ZXing::DecodeHints
   return results;
 }
 
+ZXing::ImageView viewOf(const cv::Mat& gray) {
+  return {gray.data, gray.cols, gray.rows, ZXing::ImageFormat::Lum, static_cast<int>(gray.step[0])};
+}
+
+// How far the bars of an upright crop still lean, in radians (positive: they lean left going
+// down, so the region's direction must turn clockwise by that much). Found as the shear
+// under which the columns' mean gray levels vary most: aligned bars make deep, narrow
+// columns; leaning ones smear into each other.
+double residualSkew(const cv::Mat& crop) {
+  const int w = crop.cols, h = crop.rows;
+  const int step = std::max(1, h / 32);  // rows sampled
+  double bestScore = -1, best = 0;
+  std::vector<double> sum(static_cast<size_t>(w) * 2), count(sum.size());
+  for (int k = -kSkewSteps; k <= kSkewSteps; ++k) {
+    const double t = std::tan(k * kSkewStepRadians);
+    std::fill(sum.begin(), sum.end(), 0.0);
+    std::fill(count.begin(), count.end(), 0.0);
+    const double offset = t < 0 ? -t * (h - 1) : 0;  // keeps bins non-negative
+    for (int y = 0; y < h; y += step) {
+      const uint8_t* row = crop.ptr<uint8_t>(y);
+      const double shift = offset + t * y;
+      for (int x = 0; x < w; ++x) {
+        const size_t bin = static_cast<size_t>(x + shift + 0.5);
+        if (bin >= sum.size()) continue;
+        sum[bin] += row[x];
+        count[bin] += 1;
+      }
+    }
+    double n = 0, m = 0, m2 = 0;
+    const double rows = static_cast<double>((h + step - 1) / step);
+    for (size_t i = 0; i < sum.size(); ++i) {
+      if (count[i] < 0.6 * rows) continue;
+      const double mean = sum[i] / count[i];
+      n += 1, m += mean, m2 += mean * mean;
+    }
+    if (n < 8) continue;
+    const double score = m2 / n - (m / n) * (m / n);
+    if (score > bestScore) bestScore = score, best = k * kSkewStepRadians;
+  }
+  return best;
+}
+
+// PDF417 symbols in the regions of bar texture, each region resampled upright (or upside
+// down, which zxing's detector reads as well) and read on its own.
+std::vector<Decoded> readBarRegions(const cv::Mat& gray, const CodeReaderSettings& settings) {
+  std::vector<Decoded> found;
+  ZXing::DecodeHints hints;
+  hints.setFormats(ZXing::BarcodeFormat::PDF417).setTryHarder(false).setTryRotate(false);
+  for (const BarRegion& region :
+       locateBarRegions(gray, static_cast<size_t>(std::max(0, settings.maxLocatedRegions)))) {
+    const cv::Point2d centre = region.centre;
+    if (std::any_of(found.begin(), found.end(),
+                    [&](const Decoded& d) { return covers(d, centre); }))
+      continue;
+    BarRegion upright = region;
+    cv::Mat toPicture, crop;
+    // Twice: the region's direction is the mean of its cells', which the card's print, the
+    // perspective and the cells at its edges pull by a degree or two; zxing's detector wants
+    // the bars within about one degree of upright. The first crop measures what is left.
+    for (int pass = 0; pass < 2; ++pass) {
+      // The lean is measured at the picture's own resolution, the read made finer.
+      const double scale =
+          std::min({pass == 0 ? 1.0 : settings.locatedScale, kMaxCropLength / upright.length,
+                    std::sqrt(kMaxCropPixels / (upright.length * upright.height))});
+      toPicture = cropToPicture(upright, scale);
+      const cv::Size size(static_cast<int>(std::ceil(upright.length * scale)),
+                          static_cast<int>(std::ceil(upright.height * scale)));
+      if (size.width < static_cast<int>(kMinSide) || size.height < static_cast<int>(kMinSide))
+        break;
+      cv::warpAffine(gray, crop, toPicture, size, cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
+                     cv::BORDER_REPLICATE);
+      if (pass == 1) break;
+      upright.angle += residualSkew(crop);
+    }
+    if (crop.empty()) continue;
+    // The region's direction does not say which end is up: upside down, the crop is read
+    // again turned half round (zxing's own turns would also try the quarter turns).
+    ZXing::Results results = readFenced(viewOf(crop), hints);
+    if (results.empty()) {
+      cv::Mat turned;
+      cv::rotate(crop, turned, cv::ROTATE_180);
+      results = readFenced(viewOf(turned), hints);
+      // Turned pixel (x, y) is crop pixel (w - 1 - x, h - 1 - y).
+      const cv::Mat half =
+          (cv::Mat_<double>(3, 3) << -1, 0, crop.cols - 1, 0, -1, crop.rows - 1, 0, 0, 1);
+      cv::Mat full = cv::Mat::eye(3, 3, CV_64F);
+      toPicture.copyTo(full(cv::Rect(0, 0, 3, 2)));
+      const cv::Mat product = full * half;
+      toPicture = product(cv::Rect(0, 0, 3, 2)).clone();
+    }
+    for (ZXing::Result& r : results) {
+      if (!r.isValid()) continue;
+      // Without its stop pattern in the crop zxing still decodes a symbol from its row
+      // indicators, but leaves the right-hand corners unset: such a read is left to the
+      // whole-picture search, which sees the whole symbol.
+      const ZXing::Position& p = r.position();
+      if (p[1] == p[2] || p[0] == p[3] || p[0] == p[1] || p[2] == p[3]) continue;
+      Decoded d = decoded(std::move(r), toPicture);
+      if (std::none_of(found.begin(), found.end(),
+                       [&](const Decoded& e) { return sameSymbol(d, e); }))
+        found.push_back(std::move(d));
+    }
+  }
+  return found;
+}
+
 // Reads `view`; no objects on any failure zxing reports by throwing (it rejects views it
 // cannot use that way) and on OpenCV's failures.
 MetadataObjects read(const ZXing::ImageView& view, ZXing::BarcodeFormats formats,
@@ -172,26 +335,47 @@ MetadataObjects read(const ZXing::ImageView& view, ZXing::BarcodeFormats formats
   const size_t width = static_cast<size_t>(view.width()),
                height = static_cast<size_t>(view.height());
   try {
+    std::vector<Decoded> found;
+    cv::Mat gray;
+    // PDF417 at any turn first: where that reads a symbol, the whole-picture search need not
+    // look for PDF417 again, and the corners come from an upright read.
+    if (formats.testFlag(ZXing::BarcodeFormat::PDF417) && settings.maxLocatedRegions > 0) {
+      gray = grayOf(view);
+      found = readBarRegions(gray, settings);
+      if (!found.empty())
+        formats = formats.testFlag(ZXing::BarcodeFormat::QRCode) ? ZXing::BarcodeFormat::QRCode
+                                                                 : ZXing::BarcodeFormats{};
+    }
+    if (formats.empty()) return toObjects(found, width, height, time, duration);
+
     const ZXing::DecodeHints hints = hintsFor(formats, settings);
     ZXing::Results results = readFenced(view, hints);
+    cv::Mat toPicture;
     if (results.empty() && settings.retry == CodeRetry::GlobalHistogram) {
       results = readFenced(
           view, ZXing::DecodeHints(hints).setBinarizer(ZXing::Binarizer::GlobalHistogram));
     } else if (results.empty() && settings.retry != CodeRetry::None &&
                std::min(width, height) >= kMinReducedSide) {
       const int k = settings.retry == CodeRetry::ReducedByThree ? 3 : 2;
-      const cv::Mat small = reducedGray(view, k);
-      results = readFenced(
-          {small.data, small.cols, small.rows, ZXing::ImageFormat::Lum, int(small.step[0])},
-          ZXing::DecodeHints(hints).setTryDownscale(false));
+      if (gray.empty()) gray = grayOf(view);
+      cv::Mat small;
+      cv::resize(gray, small, cv::Size(gray.cols / k, gray.rows / k), 0, 0, cv::INTER_AREA);
+      results = readFenced(viewOf(small), ZXing::DecodeHints(hints).setTryDownscale(false));
       // A reduced pixel i covers full pixels k i to k i + k - 1: its middle is at k i + k / 2.
-      for (ZXing::Result& r : results) {
-        ZXing::Position p = r.position();
-        for (ZXing::PointI& c : p) c = {c.x * k + k / 2, c.y * k + k / 2};
-        r.setPosition(p);
-      }
+      toPicture = (cv::Mat_<double>(2, 3) << k, 0, 0.5 * (k - 1), 0, k, 0.5 * (k - 1));
     }
-    return toObjects(results, width, height, time, duration);
+    for (ZXing::Result& r : results) {
+      if (!r.isValid()) continue;
+      Decoded d = decoded(std::move(r), toPicture);
+      // zxing's PDF417 detector puts a turned symbol's top right corner on its top left's
+      // row; the other three it measures. A turned symbol is near enough a parallelogram.
+      if (d.result.format() == ZXing::BarcodeFormat::PDF417)
+        d.corners[1] = d.corners[0] + d.corners[2] - d.corners[3];
+      if (std::none_of(found.begin(), found.end(),
+                       [&](const Decoded& e) { return sameSymbol(d, e); }))
+        found.push_back(std::move(d));
+    }
+    return toObjects(found, width, height, time, duration);
   } catch (const std::exception&) {
     return {};
   }

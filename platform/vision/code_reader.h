@@ -57,6 +57,12 @@ struct CodeReaderSettings {
   bool isPure = false;
   /// Most symbols reported per picture (1 to 255).
   int maxNumberOfSymbols = 255;
+  /// PDF417 at any turn: the regions of bar texture read upright, best first, before the
+  /// whole picture is searched (which then looks for PDF417 only when none of them held one).
+  /// 0 leaves PDF417 to the whole-picture search alone (rows within a few degrees of level).
+  int maxLocatedRegions = 4;
+  /// Crop pixels per picture pixel when a region is resampled upright.
+  double locatedScale = 2.0;
 };
 
 /// The codes of the requested types in a camera frame.
@@ -67,16 +73,19 @@ struct CodeReaderSettings {
 /// MetadataMachineReadableCodeObject:
 ///  - `type`: the type string of the symbol's kind;
 ///  - `corners`: the symbol's four corners normalised to the frame as delivered (x / width,
-///    y / height: 0..1, origin top left, y down), starting at the symbol's own top left (where
-///    its first row begins, whatever the symbol's rotation in the picture) and going round
-///    clockwise as the symbol is printed: top left, top right, bottom right, bottom left;
+///    y / height: 0..1, origin top left, y down), named as the symbol is printed (its top left
+///    is where its first row begins, whatever its turn in the picture): bottom left, bottom
+///    right, top right, top left. An upright symbol's rectangle from the fourth corner to the
+///    third (width) and the first (height) is therefore positive;
 ///  - `bounds`: the box spanning those corners, clamped to 0..1 like the corners;
 ///  - `stringValue`: the decoded text as UTF-8, or none when the symbol was decoded but its
 ///    content is not text: zxing classes the content as binary (byte segments whose bytes
 ///    are no text in the symbol's character set), as mixed text and binary, or as an unknown
 ///    ECI character set. Plain text, GS1 and ISO 15434 data count as text;
 ///  - `time`, `duration`: the frame's presentation time stamp and duration.
-/// Objects come in the order zxing finds them.
+/// PDF417 symbols are found at any turn in the picture and under moderate perspective (see
+/// CodeReaderSettings::maxLocatedRegions). A symbol found twice is reported once. Objects
+/// come in the order they are found: PDF417 from bar regions first, then zxing's own search.
 ///
 /// Reads 420f and 420v frames on plane 0 (the luma plane) with its own row stride, and BGRA
 /// frames through zxing's luminance conversion. Empty for the null sample, another pixel

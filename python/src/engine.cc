@@ -3,6 +3,7 @@
 #include <glib.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -181,9 +182,14 @@ std::string_view presetNamed(const std::string& name) {
 class Engine {
  public:
   Engine(const std::string& cameraName, const std::string& mode, const std::string& scene,
-         const std::string& preset, bool record, size_t queueSize) {
+         const std::string& preset, bool record, size_t queueSize,
+         const std::optional<std::vector<std::string>>& codes) {
     if (mode != "card" && mode != "face")
       throw py::value_error("unknown mode '" + mode + "': use 'card' or 'face'");
+    if (codes)
+      for (const std::string& c : *codes)
+        if (c != "pdf417" && c != "qr")
+          throw py::value_error("unknown code type '" + c + "': use 'pdf417' or 'qr'");
     if (queueSize < 1) throw py::value_error("queue_size must be at least 1");
     const std::string_view presetName = presetNamed(preset);
     camera_ = chooseCamera(cameraName, scene);
@@ -200,6 +206,15 @@ class Engine {
     if (!engine_ || engine_->device() != camera_)
       throw std::runtime_error("the capture engine could not use camera " + camera_->uniqueID());
     engine_->setShouldDetectCardRect(mode == "card");
+    // The code types through the engine's own switch, while it is stopped (a running
+    // engine ignores it); without `codes` the initialiser's choice (PDF417) stands.
+    if (codes) {
+      auto wanted = [&](const char* name) {
+        return std::find(codes->begin(), codes->end(), name) != codes->end();
+      };
+      engine_->UpdateAVCaptureMetadataOutput(AVMetadataObjectTypePDF417Code, wanted("pdf417"));
+      engine_->UpdateAVCaptureMetadataOutput(AVMetadataObjectTypeQRCode, wanted("qr"));
+    }
     engine_->setRecordCameraData(record);
     tap_ = std::make_shared<FrameTap>(engine_, camera_, queueSize);
     engine_->setDelegate(tap_);
@@ -339,16 +354,18 @@ void defineEngine(py::module_& m) {
                      "(default: 'portrait' in face mode). Frame.truth lists the props in view.\n"
                      "preset: 'high', '1920x1080', '1280x720' or '640x480'. record: record\n"
                      "the stream with the recorder. queue_size: frames kept for a slow reader\n"
-                     "(older ones are dropped, as the engine drops late frames).")
+                     "(older ones are dropped, as the engine drops late frames). codes: the\n"
+                     "code types to read, of 'pdf417' and 'qr' (default: the engine's, PDF417).")
       .def(py::init([](const std::string& camera, const std::string& mode,
                        const std::optional<std::string>& scene, const std::string& preset,
-                       bool record, size_t queueSize) {
+                       bool record, size_t queueSize,
+                       const std::optional<std::vector<std::string>>& codes) {
              return std::make_unique<Engine>(camera, mode,
                                              scene.value_or(mode == "face" ? "portrait" : "card"),
-                                             preset, record, queueSize);
+                                             preset, record, queueSize, codes);
            }),
            "camera"_a = "synthetic", "mode"_a = "card", "scene"_a = py::none(), "preset"_a = "high",
-           "record"_a = false, "queue_size"_a = 4)
+           "record"_a = false, "queue_size"_a = 4, "codes"_a = py::none())
       .def("start", &Engine::start, "Starts capture (frames begin to arrive).")
       .def("stop", &Engine::stop,
            "Stops capture; returns once the frame step under way has finished.")

@@ -486,7 +486,7 @@ void defineDetectors(py::module_& m) {
       "image"_a, "types"_a = std::vector<std::string>{"pdf417", "qr"}, py::kw_only(),
       "layout"_a = py::none(),
       "The PDF417 and QR codes in the image: type, text (None for binary content) and corners\n"
-      "in pixels, clockwise from the code's own top left.");
+      "in pixels: the code's own bottom left, bottom right, top right, top left.");
 }
 
 void defineStore(py::module_& m) {

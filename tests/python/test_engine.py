@@ -154,3 +154,11 @@ def test_recording_saves_a_movie_to_the_photo_library(tmp_path):
     finally:
         kwqimage.ImageDictionary.set_documents_directory("")
         kwqimage.recorder.set_photo_library_directory("")
+
+
+def test_codes_names_are_checked():
+    for codes in (("pdf417", "ean13"), ("PDF417",), ("",)):
+        with pytest.raises(ValueError):
+            kwqimage.Engine(codes=codes)
+    with kwqimage.Engine(codes=()) as engine:  # no code types: frames still come
+        assert next(engine).image.shape == (720, 1280, 3)

@@ -23,12 +23,23 @@ enum class CodeKind : uint8_t { PDF417, QR };
 /// taken as bytes). Empty when the writer refuses the text.
 cv::Mat writeSymbol(CodeKind kind, const std::string& text, bool binary = false);
 
+/// A driving licence's record as AAMVA lays it out (header, subfile designator, one field a
+/// line), with names, numbers and dates drawn from `seed`: 7-bit text with LF, RS and CR.
+std::string aamvaRecord(uint64_t seed);
+
 /// Where and how a symbol is printed.
 struct CodePose {
   cv::Point2d centre;       ///< of the symbol, in picture pixels
   double modulePixels = 3;  ///< width of one module before perspective
   double rotationDeg = 0;   ///< clockwise as seen (y down)
   double keystone = 0;      ///< the symbol's top edge shortened by this fraction (0..0.5)
+  /// Turned out of the picture's plane by this much about an axis in it (at tiltAxisDeg from
+  /// the x axis), seen by a camera of 1000 pixels' focal length.
+  double tiltDeg = 0, tiltAxisDeg = 0;
+  /// Printed on a card (paper around the symbol, lines of text above it) instead of alone.
+  bool card = false;
+  /// A highlight over the symbol: its peak in gray levels added (washed out at 255).
+  double glare = 0;
   double blurSigma = 0.6;   ///< lens softness after printing
   double noiseSigma = 2.0;  ///< sensor noise, gray levels
   uint64_t seed = 1;

@@ -8,6 +8,7 @@
 #include <kwqimage/kwq_quality.h>
 #include "kwq/capture_command.h"
 #include "kwq/quality_command.h"
+#include "kwq/read_command.h"
 #include "kwq/view_command.h"
 
 int main(int argc, char** argv) {
@@ -22,6 +23,14 @@ int main(int argc, char** argv) {
       "quality",
       "Score the focus and brightness of images (built-in samples when no file is given)");
   quality->add_option("files", qualityFiles, "Image files (PNG, JPEG, ...)");
+
+  std::vector<std::string> readFiles;
+  bool readJson = false;
+  CLI::App* readCommand = app.add_subcommand(
+      "read", "Read the PDF417 and QR codes in image files, at any turn of the symbol");
+  readCommand->add_option("files", readFiles, "Image files (PNG, JPEG, ...)")->required();
+  readCommand->add_flag("--json", readJson,
+                        "One JSON line per file: file, codes (type, text, corners)");
 
   kwq::tool::ViewOptions view;
   CLI::App* viewCommand = app.add_subcommand(
@@ -45,6 +54,7 @@ int main(int argc, char** argv) {
     }
     if (*viewCommand) return kwq::tool::runView(argc, argv, view, std::cout, std::cerr);
     if (*quality) return kwq::tool::runQuality(qualityFiles, std::cout, std::cerr);
+    if (*readCommand) return kwq::tool::runRead(readFiles, readJson, std::cout, std::cerr);
   } catch (const std::exception& e) {  // out of memory and the like: one line, not a core
     std::cerr << "kwq: " << e.what() << '\n';
     return 1;

@@ -4,6 +4,8 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,15 +37,17 @@ const MetadataMachineReadableCodeObject& code(const MetadataObjects& objects, si
   return dynamic_cast<const MetadataMachineReadableCodeObject&>(*objects.at(i));
 }
 
-// Worst distance, in pixels, between the reported corners and the printed ones, label for
-// label.
+// Worst distance, in pixels, between the reported corners (bottom left, bottom right, top
+// right, top left) and the printed ones (top left, top right, bottom right, bottom left),
+// label for label.
+template <typename P>
 double cornerError(const MetadataMachineReadableCodeObject& c, const cv::Mat& frame,
-                   const std::array<cv::Point2d, 4>& printed) {
+                   const std::array<P, 4>& printed) {
   if (c.corners.size() != 4) return 1e9;
   double worst = 0;
   for (size_t i = 0; i < 4; ++i)
-    worst = std::max(worst, std::hypot(c.corners[i].x * frame.cols - printed[i].x,
-                                       c.corners[i].y * frame.rows - printed[i].y));
+    worst = std::max(worst, std::hypot(c.corners[i].x * frame.cols - printed[3 - i].x,
+                                       c.corners[i].y * frame.rows - printed[3 - i].y));
   return worst;
 }
 
@@ -66,18 +70,32 @@ CodePose pose(double x, double y, double module, double rotation, double keyston
   return p;
 }
 
+// A licence card turned and tilted in the hand, softened and noisy as a camera sees it.
+CodePose onCard(double x, double y, double module, double rotation, double tilt = 0,
+                double tiltAxis = 0, double glare = 0) {
+  CodePose p = pose(x, y, module, rotation);
+  p.card = true;
+  p.tiltDeg = tilt;
+  p.tiltAxisDeg = tiltAxis;
+  p.glare = glare;
+  p.blurSigma = 0.7;
+  p.noiseSigma = 3;
+  return p;
+}
+
 TEST(CodeReader, ReadsPrintedSymbolsWithCornersWherePrinted) {
   struct Case {
     CodeKind kind;
     const char* photo;
     CodePose pose;
   };
-  // PDF417 only while its rows run within a few degrees of the picture's (zxing's reader
-  // stops there); QR at any turn. The top-left corner must follow the symbol round.
+  // PDF417 and QR at any turn; the corners' names must follow the symbol round.
   const Case cases[] = {
       {CodeKind::PDF417, "building.jpg", pose(640, 360, 3, 0)},
       {CodeKind::PDF417, "messi5.jpg", pose(500, 300, 2.5, 4, 0.08)},
       {CodeKind::PDF417, "fruits.jpg", pose(700, 420, 3, 180)},
+      {CodeKind::PDF417, "baboon.jpg", onCard(640, 360, 2.5, 37, 25, 60)},
+      {CodeKind::PDF417, "home.jpg", onCard(600, 380, 3, -120, 10, 150, 60)},
       {CodeKind::QR, "building.jpg", pose(300, 250, 4, 30, 0.1)},
       {CodeKind::QR, "baboon.jpg", pose(900, 400, 5, -45)},
       {CodeKind::QR, "home.jpg", pose(640, 360, 4, 90, 0.15)},
@@ -92,9 +110,9 @@ TEST(CodeReader, ReadsPrintedSymbolsWithCornersWherePrinted) {
     const auto& found = code(objects, 0);
     EXPECT_EQ(found.type, c.kind == CodeKind::QR ? kQR : kPdf417) << text;
     EXPECT_EQ(found.stringValue, text);
-    // Within a module and a half (zxing reports whole pixels, and PDF417 corners sit on the
-    // start and stop patterns' outer edges as its detector finds them).
-    EXPECT_LE(cornerError(found, printed.bgra, printed.corners), 1.5 * c.pose.modulePixels + 1)
+    // Within two modules (zxing reports whole pixels, and PDF417 corners sit on the start and
+    // stop patterns' outer edges as its detector finds them).
+    EXPECT_LE(cornerError(found, printed.bgra, printed.corners), 2 * c.pose.modulePixels + 1)
         << text;
     double minX = 1, minY = 1, maxX = 0, maxY = 0;
     for (const Point& p : found.corners) {
@@ -221,18 +239,110 @@ TEST(CodeReader, ReadsTheSyntheticCardWhereItsCodeIsWhole) {
     const MetadataObjects objects = readCodes(sample(bgra), {kPdf417});
     if (objects.size() != 1 || code(objects, 0).stringValue != printed.text) continue;
     ++read;
-    // zxing places a rolled PDF417's top-right corner on the top-left corner's row, so only
-    // the corners it measures are checked: the top left, the bottom right, and every x: each
-    // to within about a module across (up to 7 pixels here) and a row down (up to 10).
-    const auto& corners = code(objects, 0).corners;
-    for (size_t c = 0; c < 4; ++c) {
-      const Point p{corners[c].x * 1280, corners[c].y * 720};
-      EXPECT_NEAR(p.x, printed.corners[c].x, 7.5) << "frame " << i << " corner " << c;
-      if (c == 0 || c == 2) EXPECT_NEAR(p.y, printed.corners[c].y, 10.0) << "frame " << i;
-    }
+    // Every corner near its own: a fifth of the symbol's width (about 25 modules) catches
+    // corners named round the wrong way, not the few modules zxing's corners may be off.
+    const double width = std::hypot(printed.corners[1].x - printed.corners[0].x,
+                                    printed.corners[1].y - printed.corners[0].y);
+    EXPECT_LE(cornerError(code(objects, 0), bgra, printed.corners), 0.2 * width) << "frame " << i;
   }
   EXPECT_GE(eligible, 30);
   EXPECT_GE(read * 100, eligible * 97) << read << " of " << eligible;
+}
+
+TEST(CodeReader, Pdf417OnACardIsReadAtEveryTurn) {
+  // A licence record on a card turned all the way round, tilted out of the plane up to 25
+  // degrees, some with glare: read at most turns (zxing alone reads it within about 5 degrees
+  // of level or of a quarter turn), never a wrong text, the corners' names following the
+  // symbol round.
+  const char* photos[] = {"building.jpg", "messi5.jpg", "fruits.jpg", "stuff.jpg"};
+  int read = 0;
+  for (int angle = 0; angle < 360; angle += 15) {
+    const int n = angle / 15;
+    const std::string text = test::aamvaRecord(static_cast<uint64_t>(n));
+    const double module = n % 2 ? 2.0 : 2.5;
+    const auto printed = test::printSymbol(
+        photo(photos[n % 4]), test::writeSymbol(CodeKind::PDF417, text),
+        onCard(640 + 20 * (n % 5), 360, module, angle, 5 * (n % 6), 37 * n, n % 3 ? 0 : 80));
+    MetadataObjects objects = readCodes(sample(printed.bgra), {kPdf417});
+    EXPECT_LE(objects.size(), 1u) << angle << " degrees";
+    if (objects.empty()) continue;
+    const auto& found = code(objects, 0);
+    EXPECT_EQ(found.stringValue, text) << angle << " degrees";
+    read += found.stringValue == text;
+    const double width = cv::norm(printed.corners[1] - printed.corners[0]);
+    EXPECT_LE(cornerError(found, printed.bgra, printed.corners), 0.1 * width)
+        << angle << " degrees";
+    if (angle == 0) {
+      // The metadata callback's rectangle: from P3 across to P2 and down to P0.
+      EXPECT_GT(found.corners[2].x - found.corners[3].x, 0.1);
+      EXPECT_GT(found.corners[0].y - found.corners[3].y, 0.02);
+    }
+  }
+  EXPECT_GE(read, 14) << "of 24 turns";
+}
+
+TEST(CodeReader, AwkwardScenesGiveTheRightTextsOrNone) {
+  using Texts = std::vector<std::string>;
+  auto texts = [](const MetadataObjects& objects) {
+    Texts out;
+    for (size_t i = 0; i < objects.size(); ++i)
+      out.push_back(code(objects, i).stringValue.value_or("(binary)"));
+    std::sort(out.begin(), out.end());
+    return out;
+  };
+  auto print = [](cv::Mat scene, CodeKind kind, const std::string& text, const CodePose& p) {
+    return test::printSymbol(scene, test::writeSymbol(kind, text), p).bgra;
+  };
+  const cv::Mat background = photo("home.jpg");
+  // Two PDF417 symbols turned differently; a QR beside a turned PDF417.
+  cv::Mat two = print(background, CodeKind::PDF417, "FIRST OF TWO 0001", pose(330, 360, 3, 30));
+  two = print(two, CodeKind::PDF417, "SECOND OF TWO 0002", pose(950, 360, 3, -60));
+  EXPECT_EQ(texts(readCodes(sample(two), kBoth)),
+            (Texts{"FIRST OF TWO 0001", "SECOND OF TWO 0002"}));
+  cv::Mat mixed = print(background, CodeKind::QR, "QR NEXT TO PDF417", pose(300, 360, 4, 10));
+  mixed = print(mixed, CodeKind::PDF417, "PDF417 NEXT TO QR", pose(850, 360, 3, 140));
+  EXPECT_EQ(texts(readCodes(sample(mixed), kBoth)),
+            (Texts{"PDF417 NEXT TO QR", "QR NEXT TO PDF417"}));
+
+  // Symbols cut by the frame's edge, and symbols with a stain over part of them: their own
+  // text or nothing, never another.
+  const std::string record = test::aamvaRecord(99);
+  for (int angle : {0, 25, 70, 160}) {
+    const cv::Mat cut = print(background, CodeKind::PDF417, record, pose(1180, 200, 3, angle));
+    for (const std::string& t : texts(readCodes(sample(cut), kBoth))) EXPECT_EQ(t, record);
+    cv::Mat stained = print(background, CodeKind::PDF417, record, pose(640, 360, 3, angle));
+    cv::circle(stained, {640 + angle, 360}, 40 + angle / 2, cv::Scalar(90, 90, 90, 255),
+               cv::FILLED);
+    for (const std::string& t : texts(readCodes(sample(stained), kBoth))) EXPECT_EQ(t, record);
+  }
+
+  // The damaged symbols of the fuzz corpus (header: format, width, height; then luma bytes
+  // repeated), enlarged and turned in a frame: read without a fault, and no text.
+  for (const char* name : {"pdf417-decoder-fault-3", "pdf417-negative-codeword-count-1",
+                           "pdf417-negative-codeword-count-2"}) {
+    std::ifstream file(std::string(KWQ_CODE_CORPUS_DIR) + "/" + name, std::ios::binary);
+    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)),
+                                     std::istreambuf_iterator<char>());
+    ASSERT_GT(bytes.size(), 8u) << name;
+    const int w = (bytes[1] | bytes[2] << 8) % 300, h = (bytes[3] | bytes[4] << 8) % 300;
+    const size_t rowBytes = static_cast<size_t>(w) + bytes[5] % 9;
+    cv::Mat luma(h, w, CV_8UC1);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x)
+        luma.at<uint8_t>(y, x) = bytes[8 + (y * rowBytes + x) % (bytes.size() - 8)];
+    for (double angle : {0.0, 20.0, 90.0, 225.0}) {
+      cv::Mat frame(480, 640, CV_8UC1, cv::Scalar(200));
+      const cv::Mat turn = cv::getRotationMatrix2D({w / 2.0f, h / 2.0f}, angle, 2.0);
+      cv::Mat placed = turn.clone();
+      placed.at<double>(0, 2) += 320 - w / 2.0;
+      placed.at<double>(1, 2) += 240 - h / 2.0;
+      cv::warpAffine(luma, frame, placed, frame.size(), cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
+      cv::Mat bgra;
+      cv::cvtColor(frame, bgra, cv::COLOR_GRAY2BGRA);
+      for (const std::string& t : texts(readCodes(sample(bgra), kBoth)))
+        ADD_FAILURE() << name << " at " << angle << " degrees read as " << t;
+    }
+  }
 }
 
 TEST(CodeReader, LivePdf417TextIsReportedFromItsSecondRead) {
