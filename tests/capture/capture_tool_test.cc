@@ -282,9 +282,8 @@ TEST(CaptureTool, SnapshotRecordingFileCameraAndBadOptions) {
   }
 }
 
-// A scene file with a card and a portrait: every event carries the truth of both, the card's
-// code read live is the text the truth names, and the events of the same scene (same seed) are
-// the same frames.
+// A scene file with a card, a portrait and a QR sticker: every event carries the truth of
+// each, and with --codes qr only the sticker's code is read.
 TEST(CaptureTool, SceneFileFilmsTwoPropsAndEventsCarryTheTruthOfEach) {
   const fs::path dir = fs::path(test::outputDir()) / "capture-tool-scene";
   fs::remove_all(dir);
@@ -293,10 +292,16 @@ TEST(CaptureTool, SceneFileFilmsTwoPropsAndEventsCarryTheTruthOfEach) {
   std::ofstream(scene) << R"({"background": "wall", "seed": 7, "props": [
       {"kind": "card", "code": "KWQ STUDIO 0001", "at": [0.3, 0.55], "size": 0.36},
       {"kind": "portrait", "at": [0.74, 0.42], "size": 0.12,
-       "motion": [{"kind": "pan", "to": [0.7, 0.5], "period": 8}]}]})";
+       "motion": [{"kind": "pan", "to": [0.7, 0.5], "period": 8}]},
+      {"kind": "sticker", "code_type": "qr", "code": "KWQ QR 0042", "at": [0.85, 0.85],
+       "size": 0.12}]})";
   const std::string events = (dir / "events.jsonl").string();
-  const ToolRun run = kwq("capture --scene " + scene + " --frames 45 --events " + events);
+  // QR only: the card's PDF417 is in view but not asked for.
+  const ToolRun run =
+      kwq("capture --scene " + scene + " --codes qr --frames 45 --events " + events);
   ASSERT_EQ(run.code, 0) << run.err;
+  const std::string codes = run.summary()["codes read"];
+  if (codes != "-") EXPECT_EQ(codes.rfind("QR \"KWQ QR 0042\" x", 0), 0u) << codes;
   std::ifstream lines(events);
   int frames = 0;
   for (std::string line; std::getline(lines, line); ++frames) {
@@ -313,7 +318,7 @@ TEST(CaptureTool, SceneFileFilmsTwoPropsAndEventsCarryTheTruthOfEach) {
     EXPECT_NEAR(std::strtod(line.c_str() + corners + 12, nullptr), 0.12 * 1280, 0.02 * 1280);
     const size_t code = line.find("\"code\":\"");
     if (code != std::string::npos && code < truth)
-      EXPECT_EQ(line.compare(code, 26, "\"code\":\"KWQ STUDIO 0001\""), 0) << line;
+      EXPECT_EQ(line.compare(code, 22, "\"code\":\"KWQ QR 0042\""), 0) << line;
   }
   EXPECT_EQ(frames, 45);
 }

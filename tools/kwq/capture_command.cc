@@ -1,5 +1,7 @@
 #include "kwq/capture_command.h"
 
+#include <algorithm>
+
 #include <glib.h>
 
 #include <atomic>
@@ -84,6 +86,13 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
     return 2;
   }
   engine->setShouldDetectCardRect(options.cardMode);
+  if (options.codes) {
+    auto wanted = [&](const char* name) {
+      return std::find(options.codes->begin(), options.codes->end(), name) != options.codes->end();
+    };
+    engine->UpdateAVCaptureMetadataOutput(AVMetadataObjectTypePDF417Code, wanted("pdf417"));
+    engine->UpdateAVCaptureMetadataOutput(AVMetadataObjectTypeQRCode, wanted("qr"));
+  }
   if (options.record) KWQCameraRollHelper::getInstance().setVideoCodec(options.codec);
   engine->setRecordCameraData(options.record);
   // As a host shows it: a view of the preview, with the centre box in face mode. Faces are

@@ -7,6 +7,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <kwqimage/KWQCameraRollHelper.h>
 
@@ -31,6 +32,9 @@ struct CaptureOptions {
   /// What a synthetic camera films: "card", "portrait", "empty" or a scene file (.json);
   /// empty: the card in card mode, the portrait in face mode.
   std::string scene;
+  /// The code types to read, of "pdf417" and "qr"; none: what the engine reads by default
+  /// (PDF417).
+  std::optional<std::vector<std::string>> codes;
   /// Record the camera stream with the engine's recorder (recordCameraData).
   bool record = false;
   /// The recorder's codec for this run; raw (uncompressed) by default.
