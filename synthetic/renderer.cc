@@ -210,18 +210,6 @@ bool inside(const Quad& q, double w, double h) {
   });
 }
 
-const char* kindName(SyntheticPropKind kind) {
-  switch (kind) {
-    case SyntheticPropKind::Card:
-      return "card";
-    case SyntheticPropKind::Portrait:
-      return "portrait";
-    case SyntheticPropKind::CodeSticker:
-      return "sticker";
-  }
-  return "prop";
-}
-
 // The largest factor a prop's Approach motions may grow it by.
 double growth(const SyntheticProp& prop) {
   double g = 1.0;
@@ -270,8 +258,8 @@ void SceneRenderer::Impl::setUp() {
     p.spec = spec;
     const int n = ++counts[static_cast<int>(spec.kind) % 3];
     p.name = !spec.name.empty() ? spec.name
-             : n == 1           ? std::string(kindName(spec.kind))
-                                : std::string(kindName(spec.kind)) + " " + std::to_string(n);
+             : n == 1           ? std::string(syntheticPropKindName(spec.kind))
+                      : std::string(syntheticPropKindName(spec.kind)) + " " + std::to_string(n);
     PrintedLayout layout;
     switch (spec.kind) {
       case SyntheticPropKind::Card:

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "kwqimage/SyntheticScene.h"
@@ -152,6 +153,11 @@ SyntheticProp readProp(Reader& r, const json& o, const std::string& where) {
 }
 
 }  // namespace
+
+const char* syntheticPropKindName(SyntheticPropKind kind) {
+  const size_t k = static_cast<size_t>(kind);
+  return k < std::size(kPropKinds) ? kPropKinds[k] : "prop";
+}
 
 const char* syntheticCodeTypeName(SyntheticCodeType type) {
   return type == SyntheticCodeType::QR ? "QR" : "PDF417";

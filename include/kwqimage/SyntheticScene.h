@@ -51,6 +51,9 @@ enum class SyntheticCodeType : uint8_t { PDF417, QR };
 /// "PDF417" or "QR": the names the metadata output uses for the same symbologies.
 KWQ_EXPORT const char* syntheticCodeTypeName(SyntheticCodeType type);
 
+/// "card", "portrait" or "sticker": a kind's name in scene files and in the frame truth.
+KWQ_EXPORT const char* syntheticPropKindName(SyntheticPropKind kind);
+
 /// One movement of a prop; a prop's motions apply in order, each to the pose the ones before
 /// it left (a prop without motions holds still where it is placed). Times in seconds from
 /// frame 0; a cycle's `period` of 0 or less counts as 10 s.

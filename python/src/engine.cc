@@ -289,7 +289,6 @@ py::object truthDict(const SyntheticFrameTruth& t) {
     return std::array<std::array<double, 2>, 4>{pointTuple(c[0]), pointTuple(c[1]),
                                                 pointTuple(c[2]), pointTuple(c[3])};
   };
-  static const char* const kKinds[] = {"card", "portrait", "sticker"};
   py::list props;
   for (const SyntheticPropTruth& p : t.props) {
     py::list codes;
@@ -305,7 +304,7 @@ py::object truthDict(const SyntheticFrameTruth& t) {
     if (p.glareRadius > 0.0)
       glare = py::dict("centre"_a = pointTuple(p.glareCentre), "radius"_a = p.glareRadius,
                        "visible"_a = p.glareVisible);
-    props.append(py::dict("kind"_a = kKinds[static_cast<int>(p.kind) % 3], "name"_a = p.name,
+    props.append(py::dict("kind"_a = syntheticPropKindName(p.kind), "name"_a = p.name,
                           "corners"_a = corners(p.corners), "fully_visible"_a = p.fullyVisible,
                           "tilt_degrees"_a = p.tiltDegrees, "roll_degrees"_a = p.rollDegrees,
                           "codes"_a = codes, "face"_a = face, "glare"_a = glare));

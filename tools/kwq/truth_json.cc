@@ -16,18 +16,6 @@ Json corners(const std::array<Point, 4>& c) {
   return list;
 }
 
-const char* kindName(SyntheticPropKind kind) {
-  switch (kind) {
-    case SyntheticPropKind::Card:
-      return "card";
-    case SyntheticPropKind::Portrait:
-      return "portrait";
-    case SyntheticPropKind::CodeSticker:
-      return "sticker";
-  }
-  return "prop";
-}
-
 }  // namespace
 
 Json truthJson(const SyntheticFrameTruth& truth) {
@@ -49,7 +37,7 @@ Json truthJson(const SyntheticFrameTruth& truth) {
               .set("roll", round2(p.face->rollDegrees))
               .set("whole", p.face->fullyVisible);
     props.push(Json::object()
-                   .set("kind", kindName(p.kind))
+                   .set("kind", syntheticPropKindName(p.kind))
                    .set("name", p.name)
                    .set("corners", corners(p.corners))
                    .set("whole", p.fullyVisible)
