@@ -79,6 +79,21 @@ cv::Mat makeWall(cv::Size size, Wall wall, std::mt19937& rng) {
   return out;
 }
 
+// Signed sensor noise frames of one size, made once per process (every clip cycles the same).
+const std::vector<cv::Mat>& sensorNoise(cv::Size size) {
+  static std::map<std::pair<int, int>, std::vector<cv::Mat>> made;
+  std::vector<cv::Mat>& frames = made[{size.width, size.height}];
+  if (frames.empty()) {
+    cv::RNG noise(20261125);
+    for (int i = 0; i < kNoiseFrames; ++i) {
+      cv::Mat n(size, CV_16SC3);
+      noise.fill(n, cv::RNG::NORMAL, 0, kSensorNoise);
+      frames.push_back(n);
+    }
+  }
+  return frames;
+}
+
 }  // namespace
 
 cv::Rect2d FacePhoto::widest() const {
@@ -168,12 +183,7 @@ FaceClip::FaceClip(const FacePhoto& photo, double faceWidth, Motion motion, Wall
     if (f != widest) faces_.push_back(onCanvas(f));
   for (const cv::Rect2d& f : photo.extras) extras_.push_back(onCanvas(f));
 
-  cv::RNG noise(rng());
-  for (int i = 0; i < kNoiseFrames; ++i) {
-    cv::Mat n(frameSize, CV_16SC3);
-    noise.fill(n, cv::RNG::NORMAL, 0, kSensorNoise);
-    noise_.push_back(n);
-  }
+  noise_ = sensorNoise(frameSize);
 }
 
 ClipFrame FaceClip::frame(int index) const {

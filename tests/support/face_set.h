@@ -8,6 +8,8 @@
 // faces, head and shoulders) is scaled so that its widest face is a chosen width, hung on a
 // plain or a textured wall, and either held still or panned slowly; every frame has a little
 // sensor noise of its own. The true boxes travel with every frame.
+//
+// Photographs, videos and noise are kept for the process once read; not thread-safe.
 
 #include <cstdint>
 #include <string>
