@@ -9,7 +9,7 @@
 // larger faces) that are spread over several frames in turn. A face found is followed on every
 // frame: its picture is matched near its last place, and the detector, run on a small window
 // around it scaled to the face, confirms it and updates its size. dlib's 68 facial landmarks,
-// fitted on every frame, give the head's coarse yaw (solvePnP against a generic
+// fitted on every other frame, give the head's coarse yaw (solvePnP against a generic
 // three-dimensional face) and roll (the line through the eyes). This header is free of OpenCV
 // and dlib.
 
