@@ -143,6 +143,8 @@ struct Track {
   Angles angles;
   // Signed buckets of the last estimate (degrees; turn positive to the right, tilt clockwise).
   std::optional<double> turnBucket, tiltBucket;
+  // The tilt measured by the last fit, which the next fit starts from.
+  double lastTilt = 0;
 };
 
 // Picture of `box` scaled to the template's side; empty when the box leaves the image.
@@ -286,13 +288,17 @@ void estimateAngles(const cv::Mat& gray, Track& t) {
   std::optional<double> turn;
   double tilt = 0;
   if (lm.ok) {
-    std::array<cv::Point2d, 68> points = fit(lm, gray, t.box, 0.0);
+    // A followed face is fitted straight away on a copy turned by its last tilt: one fit where
+    // a tilted face met afresh needs two.
+    const double start = std::abs(t.lastTilt) > kRefitTilt ? t.lastTilt : 0.0;
+    std::array<cv::Point2d, 68> points = fit(lm, gray, t.box, start);
     tilt = tiltOf(points);
-    if (std::abs(tilt) > kRefitTilt) {
+    if (std::abs(tilt - start) > kRefitTilt) {
       points = fit(lm, gray, t.box, tilt);
       tilt = tiltOf(points);
     }
     turn = turnOf(points, gray.size());
+    t.lastTilt = std::isfinite(tilt) ? tilt : 0.0;
   }
   if (!turn || !std::isfinite(tilt)) {
     t.angles = {};
