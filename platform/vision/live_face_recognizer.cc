@@ -75,8 +75,8 @@ constexpr double kSizeWeight = 0.35;
 constexpr int kNewFaceFrames = 3;
 // Landmarks are fitted on a followed face every this many frames (the first time on the frame
 // it is first reported); in between it keeps the angles of its last fit. Angles come in steps
-// of 30 and 45 degrees, which a head does not cross in a frame's time, and a fit costs about a
-// fifth of a frame's search share.
+// of 30 and 45 degrees, which a head seldom crosses in a frame's time, and the fits were the
+// largest cost after the search itself.
 constexpr int kAnglesEvery = 2;
 // Tilt (degrees) beyond which landmarks are fitted a second time on an upright copy of the
 // face: the landmark model was trained on nearly upright faces and underestimates tilt.
