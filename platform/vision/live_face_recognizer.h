@@ -2,12 +2,16 @@
 
 // Faces in live video, frame after frame of one stream, as the metadata output delivers them.
 //
-// A full search with dlib's HOG frontal-face detector runs on a reduced copy of every few
-// frames; in between, each face found is followed by matching its picture from the last search
-// in a window around its last place, and a face whose match fails sends the recogniser back to
-// a full search at once. dlib's 68 facial landmarks, fitted on every frame, give the head's
-// coarse yaw (solvePnP against a generic three-dimensional face) and roll (the line through the
-// eyes). This header is free of OpenCV and dlib.
+// Faces are searched with dlib's HOG frontal-face detector, whose window is 80 pixels: to see
+// faces of the smallest wanted width the frame is searched at full resolution (scaled so that
+// the smallest face is 80 pixels). That search would cost more than a frame's time, so it is
+// cut into pieces (columns of each pyramid level, and the whole frame reduced by half for the
+// larger faces) that are spread over several frames in turn. A face found is followed on every
+// frame: its picture is matched near its last place, and the detector, run on a small window
+// around it scaled to the face, confirms it and updates its size. dlib's 68 facial landmarks,
+// fitted on every other frame, give the head's coarse yaw (solvePnP against a generic
+// three-dimensional face) and roll (the line through the eyes). This header is free of OpenCV
+// and dlib.
 
 #include <cstdint>
 #include <memory>
@@ -20,13 +24,13 @@ namespace kwq::platform {
 
 /// How the recogniser trades cost for reach.
 struct LiveFaceOptions {
-  /// Faces are searched on a copy of the frame reduced until its shorter side is at most this
-  /// many pixels (never enlarged). The detector sees faces of about 80 pixels and more there,
-  /// so with 360 a 1280 x 720 frame shows faces of about 160 pixels (22% of its height) and up.
-  int detectionShortSide = 360;
-  /// A full search every this many frames (1: every frame, nothing is followed); faces are
-  /// followed in between. A face lost between searches brings the next search forward.
-  int detectionInterval = 4;
+  /// Narrowest face searched for, in frame pixels; 0 (the default) means 1/16 of the frame's
+  /// width, never below 40 (80 in a 1280 x 720 frame). Narrower faces are not reported, and a
+  /// followed face that shrinks below it is let go.
+  double minFaceWidth = 0;
+  /// Frames over which one full search of the frame is spread (1: the whole search on every
+  /// frame). Faces are followed on every frame in between.
+  int searchFrames = 8;
   /// Fit landmarks to estimate yaw and roll. Off, every face reports neither.
   bool estimateAngles = true;
 };
@@ -51,7 +55,9 @@ struct LiveFaceOptions {
 /// Frames: 420f and 420v are read in place through their luma plane; BGRA is converted to
 /// gray. A null sample, another pixel format, a buffer that cannot be locked or a frame too
 /// small to hold a face gives no faces. A frame of another size than the last one starts the
-/// numbering of places afresh (identifiers still never repeat).
+/// numbering of places afresh (identifiers still never repeat). A face first found by the search
+/// is reported from the next frame on which the detector finds it again, so a chance pattern
+/// that looks like a face on one frame is never reported.
 ///
 /// Thread: one instance serves one thread at a time (the metadata output's worker); different
 /// instances may run concurrently. The landmark model (about 100 MB, read from Debian's

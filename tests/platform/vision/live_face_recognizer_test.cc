@@ -8,12 +8,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
-#include <opencv2/videoio.hpp>
 
 #include "support/face_video.h"
 #include "support/test_support.h"
+#include "tests/support/face_set.h"
 
 namespace kwq::platform {
 namespace {
@@ -48,8 +47,9 @@ void expectPlatformAngles(const MetadataFaceObject& face) {
   }
 }
 
-// The same still shown for a few frames, as a camera held still delivers it.
-Faces steady(LiveFaceRecognizer& recognizer, const cv::Mat& bgr, int frames = 6) {
+// The same still shown for a few frames, as a camera held still delivers it: long enough for
+// one whole search and a confirmation.
+Faces steady(LiveFaceRecognizer& recognizer, const cv::Mat& bgr, int frames = 12) {
   Faces faces;
   for (int i = 0; i < frames; ++i) faces = recognizer.recognize(test::sample420f(bgr, i));
   return faces;
@@ -68,7 +68,6 @@ TEST(LiveFaceRecognizerTest, FindsTheHandCheckedFacesOfMegamindFrameAfterFrame) 
   ASSERT_FALSE(truth().empty());
   LiveFaceRecognizer recognizer;
   test::FaceScore score;
-  std::vector<cv::Mat> sheet;
   for (size_t i = 0; i < megamind().size(); ++i) {
     const cv::Mat& frame = megamind()[i];
     const SampleBuffer sample = test::sample420f(frame, static_cast<int64_t>(i));
@@ -85,44 +84,16 @@ TEST(LiveFaceRecognizerTest, FindsTheHandCheckedFacesOfMegamindFrameAfterFrame) 
       expectPlatformAngles(*face);
       boxes.push_back(pixels(*face, frame.size()));
     }
-    if (i % 10 != 0) continue;
-    score.add(truth(), static_cast<int>(i), boxes);
-    cv::Mat shown = frame.clone();
-    for (const test::TruthFace& t : truth())
-      if (t.frame == static_cast<int>(i) && t.kind != test::TruthFace::Kind::None)
-        cv::rectangle(shown, t.box, {255, 255, 255}, 1);
-    for (size_t k = 0; k < faces.size(); ++k) {
-      cv::rectangle(shown, boxes[k], {0, 255, 0}, 3);
-      char label[64];
-      std::snprintf(label, sizeof label, "#%lld yaw %.0f roll %.0f",
-                    static_cast<long long>(faces[k]->faceID), faces[k]->yawAngle,
-                    faces[k]->rollAngle);
-      cv::putText(shown, label, boxes[k].tl() + cv::Point2d(0, -6), cv::FONT_HERSHEY_SIMPLEX, 0.6,
-                  {0, 255, 0}, 2);
-    }
-    cv::putText(shown, std::to_string(i), {8, 30}, cv::FONT_HERSHEY_SIMPLEX, 1, {0, 255, 255}, 2);
-    cv::resize(shown, shown, cv::Size(), 0.5, 0.5, cv::INTER_AREA);
-    sheet.push_back(shown);
+    if (i % 10 == 0) score.add(truth(), static_cast<int>(i), boxes);
   }
-  // Contact sheet of the labelled frames: white the truth, green what was delivered.
-  while (sheet.size() % 4) sheet.push_back(cv::Mat::zeros(sheet[0].size(), sheet[0].type()));
-  std::vector<cv::Mat> rows;
-  for (size_t i = 0; i < sheet.size(); i += 4) {
-    cv::Mat row;
-    cv::hconcat(std::vector<cv::Mat>(sheet.begin() + i, sheet.begin() + i + 4), row);
-    rows.push_back(row);
-  }
-  cv::Mat all;
-  cv::vconcat(rows, all);
-  cv::imwrite(test::outputDir() + "/live_faces_megamind.png", all);
-
   std::printf("recall %d/%d, false faces %d\n", score.found, score.faces, score.falseFaces);
   EXPECT_GE(score.recall(), 0.9);
   EXPECT_LE(score.falseFaces, 2);
 }
 
-// One shot of one face (frames 200 to 269): the face is delivered in every frame under one
-// identifier; the cuts before it bring new faces with new identifiers, never reused.
+// One shot of one face (frames 200 to 269): the face is delivered under one identifier in
+// every frame from a fifth of a second after the cut; the cuts before it bring new faces with
+// new identifiers, never reused.
 TEST(LiveFaceRecognizerTest, KeepsOneIdentifierWhileTheFaceIsFollowedAndNewOnesAfterCuts) {
   ASSERT_GE(megamind().size(), 270u);
   LiveFaceRecognizer recognizer;
@@ -130,7 +101,7 @@ TEST(LiveFaceRecognizerTest, KeepsOneIdentifierWhileTheFaceIsFollowedAndNewOnesA
   std::set<int64_t> shotIDs;
   for (size_t i = 0; i < 270; ++i) {
     const Faces faces = recognizer.recognize(test::sample420f(megamind()[i], i));
-    if (i >= 200) {
+    if (i >= 206) {
       ASSERT_FALSE(faces.empty()) << "frame " << i;
       shotIDs.insert(faces[0]->faceID);
     }
@@ -163,8 +134,9 @@ TEST(LiveFaceRecognizerTest, ReportsRollOfTiltedFacesAndYawOfTurnedOnes) {
                    std::to_string(counterClockwise));
       const cv::Mat picture = rotated(megamind()[c.frame], counterClockwise);
       LiveFaceRecognizer recognizer;
+      // Frame 40 also shows a man in the background: the woman, the widest, comes first.
       const Faces faces = steady(recognizer, picture);
-      ASSERT_EQ(faces.size(), 1u);
+      ASSERT_FALSE(faces.empty());
       ASSERT_TRUE(faces[0]->hasRollAngle && faces[0]->hasYawAngle);
       EXPECT_EQ(faces[0]->rollAngle, roll);
       EXPECT_EQ(faces[0]->yawAngle, c.yaw);
@@ -174,7 +146,7 @@ TEST(LiveFaceRecognizerTest, ReportsRollOfTiltedFacesAndYawOfTurnedOnes) {
       cv::flip(picture, mirror, 1);
       LiveFaceRecognizer mirrored;
       const Faces seen = steady(mirrored, mirror);
-      ASSERT_EQ(seen.size(), 1u);
+      ASSERT_FALSE(seen.empty());
       EXPECT_EQ(seen[0]->rollAngle, roll == 0 ? 0 : 360 - roll);
       EXPECT_EQ(seen[0]->yawAngle, 360 - c.yaw);
     }
@@ -182,19 +154,100 @@ TEST(LiveFaceRecognizerTest, ReportsRollOfTiltedFacesAndYawOfTurnedOnes) {
 }
 
 // Photographs of things, not people, from opencv-doc, shown as a steady 720p camera would
-// show them (BGRA), for a few searches each.
+// show them (BGRA), for two whole searches each.
 TEST(LiveFaceRecognizerTest, FindsNoFacesInFaceFreePhotographs) {
-  for (const char* name : {"building.jpg", "fruits.jpg", "board.jpg", "home.jpg", "leuvenA.jpg",
-                           "stuff.jpg", "orange.jpg", "sudoku.png", "smarties.png", "butterfly.jpg",
-                           "apple.jpg", "aero1.jpg", "starry_night.jpg", "notes.png", "blox.jpg"}) {
-    const cv::Mat photo = cv::imread(test::samplePath(name));
-    ASSERT_FALSE(photo.empty()) << name;
+  for (const std::string& name : test::faceFreePhotoNames()) {
+    const cv::Mat photo = test::loadFaceFreePhoto(name);
+    ASSERT_FALSE(photo.empty()) << name << " (Debian package opencv-doc)";
     const cv::Mat frame = test::letterbox720(photo);
     LiveFaceRecognizer recognizer;
     size_t faces = 0;
-    for (int i = 0; i < 12; ++i) faces += recognizer.recognize(test::sampleBGRA(frame, i)).size();
+    for (int i = 0; i < 18; ++i) faces += recognizer.recognize(test::sampleBGRA(frame, i)).size();
     EXPECT_EQ(faces, 0u) << name;
   }
+}
+
+const std::vector<test::FacePhoto>& facePhotos() {
+  static const std::vector<test::FacePhoto> photos =
+      test::loadFacePhotos(KWQ_TEST_DATA_DIR "/face_set_labels.txt");
+  return photos;
+}
+
+// Every photograph of the face set panning on a wall in 1280 x 720 frames, its widest face
+// from the narrowest searched (80 px) to large: after the first half second the widest face is
+// delivered on nearly every frame, first in the list, under one identifier, and nothing that is
+// not a face is delivered.
+TEST(LiveFaceRecognizerTest, FollowsTheWidestFaceOfRealPhotographsFrom80PixelsWide) {
+  ASSERT_FALSE(facePhotos().empty()) << "face set photographs missing (opencv-doc, skimage)";
+  constexpr int kFrames = 36, kSettle = 15;
+  for (const double width : {80.0, 140.0, 320.0}) {
+    int scored = 0, found = 0;
+    for (const test::FacePhoto& photo : facePhotos()) {
+      SCOPED_TRACE(photo.source + " at " + std::to_string(width) + " px");
+      const test::FaceClip clip(photo, width, test::Motion::Pan, test::Wall::Textured);
+      LiveFaceRecognizer recognizer;
+      std::set<int64_t> ids;
+      for (int i = 0; i < kFrames; ++i) {
+        const test::ClipFrame frame = clip.frame(i);
+        const Faces faces = recognizer.recognize(test::sample420f(frame.bgr, i));
+        bool widestFound = false;
+        for (size_t k = 0; k < faces.size(); ++k) {
+          const cv::Rect2d box = pixels(*faces[k], frame.bgr.size());
+          const bool widest = test::sameFace(frame.faces[0], box);
+          bool known = widest;
+          for (const cv::Rect2d& extra : frame.extras) known = known || test::sameFace(extra, box);
+          EXPECT_TRUE(known) << "frame " << i << ": a face where there is none";
+          if (widest) {
+            EXPECT_EQ(k, 0u) << "frame " << i << ": the widest face is not first";
+            widestFound = true;
+            if (i >= kSettle) ids.insert(faces[k]->faceID);
+          }
+          expectPlatformAngles(*faces[k]);
+        }
+        if (i < kSettle) continue;
+        ++scored;
+        found += widestFound ? 1 : 0;
+      }
+      EXPECT_LE(ids.size(), 1u) << "the followed face changed its identifier";
+    }
+    EXPECT_GE(found, 0.9 * scored) << width << " px: found on " << found << " of " << scored;
+  }
+}
+
+// Faces narrower than the narrowest searched (80 px here) are not guessed at, and a face that
+// shrinks below it (the person steps back) is let go; identifiers are kept while it is
+// followed. The detector's window takes faces up to about a fifth narrower than itself, and
+// frames a face up to 15% wider or narrower than its label: the floor holds within that.
+TEST(LiveFaceRecognizerTest, LetsGoOfFacesBelowTheNarrowestSearched) {
+  ASSERT_FALSE(facePhotos().empty());
+  const test::FacePhoto& astronaut = facePhotos()[1];
+  {
+    const test::FaceClip clip(astronaut, 50, test::Motion::Still, test::Wall::Plain);
+    LiveFaceRecognizer recognizer;
+    size_t faces = 0;
+    for (int i = 0; i < 18; ++i)
+      faces += recognizer.recognize(test::sample420f(clip.frame(i).bgr, i)).size();
+    EXPECT_EQ(faces, 0u) << "a 50 px face in a 1280 px frame was reported";
+  }
+  // From 130 px down to 50 over two seconds.
+  LiveFaceRecognizer recognizer;
+  std::set<int64_t> ids;
+  int lastFound = -1;
+  double widthWhenLast = 0;
+  for (int i = 0; i < 60; ++i) {
+    const double width = 130 - 80 * i / 59.0;
+    const test::FaceClip clip(astronaut, width, test::Motion::Still, test::Wall::Plain, 9);
+    const Faces faces = recognizer.recognize(test::sample420f(clip.frame(i).bgr, i));
+    if (faces.empty()) continue;
+    lastFound = i;
+    widthWhenLast = width;
+    ids.insert(faces[0]->faceID);
+    EXPECT_GE(faces[0]->bounds.width() * 1280, 0.8 * 80) << "delivered narrower at frame " << i;
+  }
+  ASSERT_GE(lastFound, 0) << "the face was never found";
+  EXPECT_GE(widthWhenLast, 56.0) << "still followed at " << widthWhenLast << " px";
+  EXPECT_LE(widthWhenLast, 100.0) << "let go already at " << widthWhenLast << " px";
+  EXPECT_EQ(ids.size(), 1u);
 }
 
 // 420f, 420v and BGRA frames of one picture give the same face.
@@ -202,8 +255,11 @@ TEST(LiveFaceRecognizerTest, ReadsEveryCameraFormatAlike) {
   ASSERT_GE(megamind().size(), 131u);
   const cv::Mat& picture = megamind()[130];
   LiveFaceRecognizer fromLuma, fromBGRA;
-  const Faces luma = fromLuma.recognize(test::sample420f(picture));
-  const Faces bgra = fromBGRA.recognize(test::sampleBGRA(picture));
+  Faces luma, bgra;
+  for (int i = 0; i < 12; ++i) {
+    luma = fromLuma.recognize(test::sample420f(picture, i));
+    bgra = fromBGRA.recognize(test::sampleBGRA(picture, i));
+  }
   ASSERT_EQ(luma.size(), 1u);
   ASSERT_EQ(bgra.size(), 1u);
   EXPECT_TRUE(test::sameFace(pixels(*luma[0], picture.size()), pixels(*bgra[0], picture.size())));
