@@ -38,7 +38,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "bench/bench_report.h"
-#include "platform/media/synthetic_scene.h"
+#include "synthetic/renderer.h"
 #include "platform/vision/live_face_recognizer.h"
 #include "tests/support/face_set.h"
 #include "tests/support/face_video.h"
@@ -269,7 +269,7 @@ void printTables() {
 
   // The synthetic card scene (an ID card moving before a background), 600 frames.
   {
-    kwq::platform::SyntheticScene scene{kwq::platform::SyntheticSceneOptions{}};
+    kwq::synthetic::SceneRenderer scene(kwq::SyntheticScene::card(), 1280, 720);
     LiveFaceRecognizer recognizer;
     cv::Mat bgra(720, 1280, CV_8UC4), bgr, gray;
     int oursCard = 0, peerCard = 0;
