@@ -208,9 +208,14 @@ Pose poseAt(const SyntheticProp& prop, const PropGeometry& g, uint64_t sceneSeed
   const double w = static_cast<double>(width), h = static_cast<double>(height);
   const double seconds = static_cast<double>(frameIndex) / kFps;
   Pose pose;
-  pose.anchor = {finiteOr(prop.at.x, 0.5) * w, finiteOr(prop.at.y, 0.5) * h};
-  pose.width = std::max(0.0, finiteOr(prop.size, 0.4)) * w;
-  pose.roll = finiteOr(prop.rollDegrees, 0.0) * kDeg;
+  // Fractions far outside the picture and sizes a hundred pictures wide are as good as
+  // gone; clamping them keeps every product finite.
+  auto fraction = [](double v, double fallback) {
+    return std::clamp(finiteOr(v, fallback), -100.0, 100.0);
+  };
+  pose.anchor = {fraction(prop.at.x, 0.5) * w, fraction(prop.at.y, 0.5) * h};
+  pose.width = std::clamp(finiteOr(prop.size, 0.4), 0.0, 100.0) * w;
+  pose.roll = std::fmod(finiteOr(prop.rollDegrees, 0.0), 360.0) * kDeg;
   pose.yaw = std::clamp(finiteOr(prop.yawDegrees, 0.0), -80.0, 80.0) * kDeg;
   pose.pitch = std::clamp(finiteOr(prop.pitchDegrees, 0.0), -80.0, 80.0) * kDeg;
   uint64_t k = 0;
@@ -226,7 +231,7 @@ Pose poseAt(const SyntheticProp& prop, const PropGeometry& g, uint64_t sceneSeed
         break;
       case SyntheticMotion::Kind::Pan: {
         const double f = swing(seconds, m.period);
-        const cv::Point2d to(finiteOr(m.to.x, 0.5) * w, finiteOr(m.to.y, 0.5) * h);
+        const cv::Point2d to(fraction(m.to.x, 0.5) * w, fraction(m.to.y, 0.5) * h);
         pose.anchor += f * (to - pose.anchor);
         break;
       }
@@ -234,12 +239,15 @@ Pose poseAt(const SyntheticProp& prop, const PropGeometry& g, uint64_t sceneSeed
         pose.width *= 1.0 + (std::clamp(finiteOr(m.amount, 1.0), 0.01, 100.0) - 1.0) *
                                 swing(seconds, m.period);
         break;
-      case SyntheticMotion::Kind::Turn:
+      case SyntheticMotion::Kind::Turn: {
+        // Ten turns a second at the most: faster is a blur, not a slant.
+        const double amount = std::clamp(finiteOr(m.amount, 0.0), -3600.0, 3600.0);
         if (std::isfinite(m.period) && m.period > 0.0)
-          pose.roll += finiteOr(m.amount, 0.0) * kDeg * std::sin(2.0 * kPi * seconds / m.period);
+          pose.roll += amount * kDeg * std::sin(2.0 * kPi * seconds / m.period);
         else
-          pose.roll += std::fmod(finiteOr(m.amount, 0.0) * seconds, 360.0) * kDeg;
+          pose.roll += std::fmod(amount * seconds, 360.0) * kDeg;
         break;
+      }
       case SyntheticMotion::Kind::Tilt: {
         const double a = 2.0 * kPi * seconds / cycle(m.period);
         pose.yaw += std::clamp(finiteOr(m.amount, 0.0), -80.0, 80.0) * kDeg * std::sin(a);
