@@ -64,7 +64,7 @@ struct SyntheticMotion {
     /// 5, sliding partly out twice a minute). Sets the whole pose; ignores the placement.
     Handheld,
     /// A person before a kiosk camera: the face's width sweeps between `from` and `to` (as
-    /// fractions of the picture's height, defaults 0.12 and 0.50) every 15 s, the head rolls
+    /// fractions of the picture's height, defaults 0.11 and 0.50) every 15 s, the head rolls
     /// 40 sin(2 pi t / 10 s) degrees, the face wanders about the middle, and from 21 s to 29 s
     /// of each 30 s the portrait leaves past the right edge and comes back. Sets the whole pose.
     Sway,
@@ -164,8 +164,9 @@ struct KWQ_EXPORT SyntheticScene {
   /// An ID card carrying `codeText` in its PDF417, held in a hand over the desk (the default
   /// scene of every synthetic camera).
   static SyntheticScene card(std::string codeText = std::string(kSyntheticCardAAMVAText));
-  /// A portrait photograph before a kiosk camera (faces 12 to 50 % of the picture's height,
-  /// rolling, leaving the picture for 3 s of every 30 s), over the desk.
+  /// A portrait photograph before a kiosk camera (faces 11 to 50 % of the picture's height,
+  /// about 80 to 355 pixels wide at 720p, rolling, leaving the picture for 3 s of every 30 s),
+  /// over the desk.
   static SyntheticScene portrait();
   /// The card held 42 % of the picture's width across, turning through +-45 degrees in the
   /// picture's plane every 12 s while it tilts up to about 14 degrees, drifts and trembles: a
