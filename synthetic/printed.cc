@@ -14,6 +14,8 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "platform/draw/cairo_handles.h"
+
 namespace kwq::synthetic {
 namespace {
 
@@ -42,18 +44,10 @@ const cv::Rect2d kCodeBoxMm{2.5, 24.5, 81.0, 26.5};
 constexpr int kQuietModules = 2;
 constexpr double kMinRowModules = 4.0, kMaxRowModules = 5.0;
 
-template <typename T, void (*Free)(T*)>
-struct Deleter {
-  void operator()(T* p) const { Free(p); }
-};
-using Surface = std::unique_ptr<cairo_surface_t, Deleter<cairo_surface_t, cairo_surface_destroy>>;
-using Cairo = std::unique_ptr<cairo_t, Deleter<cairo_t, cairo_destroy>>;
-using Font = std::unique_ptr<PangoFontDescription,
-                             Deleter<PangoFontDescription, pango_font_description_free>>;
-void unrefObject(PangoLayout* layout) {
-  g_object_unref(layout);
-}
-using Layout = std::unique_ptr<PangoLayout, Deleter<PangoLayout, unrefObject>>;
+using Surface = platform::CairoSurface;
+using Cairo = platform::CairoContext;
+using Font = platform::PangoFont;
+using Layout = platform::PangoLayoutHandle;
 
 void setColor(cairo_t* cr, Rgb c) {
   cairo_set_source_rgb(cr, c.r / 255.0, c.g / 255.0, c.b / 255.0);

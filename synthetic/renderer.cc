@@ -223,7 +223,7 @@ double growth(const SyntheticProp& prop) {
 
 // One prop, ready to place and draw.
 struct PropState {
-  SyntheticProp spec;
+  SyntheticProp prop;  // as the scene describes it
   std::string name;
   PropGeometry geometry;
   cv::Rect2d code;      // printed props: the symbol's outline in prop units; empty without one
@@ -246,44 +246,46 @@ struct SceneRenderer::Impl {
   bool preparePictures();
   void addNoise(uint64_t frameIndex, cv::Mat& out) const;
   PropView viewOf(const PropState& p, uint64_t frameIndex) const {
-    return synthetic::viewOf(poseAt(p.spec, p.geometry, scene.seed, frameIndex, width, height),
+    return synthetic::viewOf(poseAt(p.prop, p.geometry, scene.seed, frameIndex, width, height),
                              p.geometry, width, height);
   }
 };
 
 void SceneRenderer::Impl::setUp() {
   int counts[3] = {0, 0, 0};
-  for (const SyntheticProp& spec : scene.props) {
+  for (const SyntheticProp& described : scene.props) {
     PropState p;
-    p.spec = spec;
-    const int n = ++counts[static_cast<int>(spec.kind) % 3];
-    p.name = !spec.name.empty() ? spec.name
-             : n == 1           ? std::string(syntheticPropKindName(spec.kind))
-                      : std::string(syntheticPropKindName(spec.kind)) + " " + std::to_string(n);
+    p.prop = described;
+    const int n = ++counts[static_cast<int>(described.kind) % 3];
+    p.name = !described.name.empty() ? described.name
+             : n == 1
+                 ? std::string(syntheticPropKindName(described.kind))
+                 : std::string(syntheticPropKindName(described.kind)) + " " + std::to_string(n);
     PrintedLayout layout;
-    switch (spec.kind) {
+    switch (described.kind) {
       case SyntheticPropKind::Card:
-        layout = cardLayout(spec.codeText);
+        layout = cardLayout(described.codeText);
         break;
       case SyntheticPropKind::CodeSticker:
-        layout = stickerLayout(spec.codeType, spec.codeText);
+        layout = stickerLayout(described.codeType, described.codeText);
         break;
       case SyntheticPropKind::Portrait: {
         // Read here rather than on the first render: the truth depends on whether it is there.
         Rect shown;
-        if (drawable) p.texture = loadPhotoTexture(spec.photoPath, spec.photoCrop, &shown);
-        const double side = spec.photoFace.size.width;
+        if (drawable)
+          p.texture = loadPhotoTexture(described.photoPath, described.photoCrop, &shown);
+        const double side = described.photoFace.size.width;
         p.present = !p.texture.levels.empty() && std::isfinite(side) && side >= 1.0;
         if (!p.present) break;
         p.geometry.units = p.texture.units;
-        p.geometry.anchor = {spec.photoFace.origin.x + side / 2.0 - shown.origin.x,
-                             spec.photoFace.origin.y + side / 2.0 - shown.origin.y};
+        p.geometry.anchor = {described.photoFace.origin.x + side / 2.0 - shown.origin.x,
+                             described.photoFace.origin.y + side / 2.0 - shown.origin.y};
         p.geometry.widthUnits = side;
-        p.geometry.ownRollDegrees = finiteOr(spec.photoRollDegrees, 0.0);
+        p.geometry.ownRollDegrees = finiteOr(described.photoRollDegrees, 0.0);
         break;
       }
     }
-    if (spec.kind != SyntheticPropKind::Portrait) {
+    if (described.kind != SyntheticPropKind::Portrait) {
       p.geometry.units = layout.units;
       p.geometry.anchor = {layout.units.width / 2.0, layout.units.height / 2.0};
       p.geometry.widthUnits = layout.units.width;
@@ -315,12 +317,12 @@ bool SceneRenderer::Impl::preparePictures() {
     for (PropState& p : props) {
       // Fine enough that the prop is never magnified much on screen.
       const double widest =
-          std::max(0.8 * ref, 1.25 * finiteOr(p.spec.size, 0.4) * w * growth(p.spec));
-      if (p.spec.kind == SyntheticPropKind::Card)
-        p.texture = makeCardTexture(p.spec.codeText, widest / kCardWidthMm);
-      else if (p.spec.kind == SyntheticPropKind::CodeSticker)
+          std::max(0.8 * ref, 1.25 * finiteOr(p.prop.size, 0.4) * w * growth(p.prop));
+      if (p.prop.kind == SyntheticPropKind::Card)
+        p.texture = makeCardTexture(p.prop.codeText, widest / kCardWidthMm);
+      else if (p.prop.kind == SyntheticPropKind::CodeSticker)
         p.texture =
-            makeStickerTexture(p.spec.codeType, p.spec.codeText, widest / p.geometry.units.width);
+            makeStickerTexture(p.prop.codeType, p.prop.codeText, widest / p.geometry.units.width);
     }
     background = scene.background == SyntheticScene::Background::Wall
                      ? makeWall(width, height, scene.seed)
@@ -374,14 +376,14 @@ SyntheticFrameTruth SceneRenderer::truth(uint64_t frameIndex) const {
   uint64_t cards = 0;
   for (const PropState& p : d.props) {
     if (!p.present) continue;
-    const uint64_t cardIndex = p.spec.kind == SyntheticPropKind::Card ? cards++ : 0;
-    const Pose pose = poseAt(p.spec, p.geometry, d.scene.seed, frameIndex, d.width, d.height);
+    const uint64_t cardIndex = p.prop.kind == SyntheticPropKind::Card ? cards++ : 0;
+    const Pose pose = poseAt(p.prop, p.geometry, d.scene.seed, frameIndex, d.width, d.height);
     const PropView view = synthetic::viewOf(pose, p.geometry, d.width, d.height);
     const Quad outline = project(
         view.toPicture, rectQuad({0.0, 0.0, p.geometry.units.width, p.geometry.units.height}));
     if (!(visibleQuadArea(outline, w, h) > 0.0)) continue;
     SyntheticPropTruth t;
-    t.kind = p.spec.kind;
+    t.kind = p.prop.kind;
     t.name = p.name;
     t.corners = points(outline);
     t.fullyVisible = inside(outline, w, h);
@@ -390,12 +392,12 @@ SyntheticFrameTruth SceneRenderer::truth(uint64_t frameIndex) const {
     if (p.code.area() > 0.0) {
       SyntheticCodeTruth code;
       code.type =
-          p.spec.kind == SyntheticPropKind::Card ? SyntheticCodeType::PDF417 : p.spec.codeType;
-      code.text = p.spec.codeText;
+          p.prop.kind == SyntheticPropKind::Card ? SyntheticCodeType::PDF417 : p.prop.codeType;
+      code.text = p.prop.codeText;
       code.corners = points(project(view.toPicture, rectQuad(p.code)));
       t.codes.push_back(std::move(code));
     }
-    if (p.spec.kind == SyntheticPropKind::Portrait) {
+    if (p.prop.kind == SyntheticPropKind::Portrait) {
       // The face's square in the photograph, turned by the head's own roll there.
       const double half = p.geometry.widthUnits / 2.0;
       const double a = p.geometry.ownRollDegrees * kPi / 180.0;
@@ -417,7 +419,7 @@ SyntheticFrameTruth SceneRenderer::truth(uint64_t frameIndex) const {
         t.face = face;
       }
     }
-    if (p.spec.kind == SyntheticPropKind::Card && glareChance > 0.0) {
+    if (p.prop.kind == SyntheticPropKind::Card && glareChance > 0.0) {
       const uint64_t key = mixBits(
           d.scene.seed ^ mixBits(frameIndex * 0x9E3779B97F4A7C15ull + 7 + 1000003 * cardIndex));
       if (static_cast<double>(key % 1000000) / 1000000.0 < glareChance) {
@@ -472,7 +474,7 @@ SyntheticFrameTruth SceneRenderer::render(uint64_t frameIndex, const CameraEffec
       if (!(visibleQuadArea(q, static_cast<double>(w), static_cast<double>(h)) > 0.0)) continue;
       // Printed props take the room's light by their turn; a portrait stands for a person,
       // whose photograph already holds its own light.
-      const double shade = p.spec.kind == SyntheticPropKind::Portrait ? 1.0 : view.shade;
+      const double shade = p.prop.kind == SyntheticPropKind::Portrait ? 1.0 : view.shade;
       drawTexture(p.texture, view.toPicture, shade, q, out, d.scratch);
     }
     auto sigma = [](double s) { return std::isfinite(s) && s > 0.0 ? s : 0.0; };

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <memory>
 
+#include "platform/draw/cairo_handles.h"
 #include "platform/draw/image_context.h"
 #include "platform/image/image_data.h"
 
@@ -24,20 +25,11 @@ int pangoUnits(double pixels) {
   return static_cast<int>(std::lround(std::clamp(pixels, -limit, limit) * PANGO_SCALE));
 }
 
-template <typename T, void (*Free)(T*)>
-struct Deleter {
-  void operator()(T* p) const { Free(p); }
-};
-using Surface = std::unique_ptr<cairo_surface_t, Deleter<cairo_surface_t, cairo_surface_destroy>>;
-using Cairo = std::unique_ptr<cairo_t, Deleter<cairo_t, cairo_destroy>>;
-using Font = std::unique_ptr<PangoFontDescription,
-                             Deleter<PangoFontDescription, pango_font_description_free>>;
-using Attributes = std::unique_ptr<PangoAttrList, Deleter<PangoAttrList, pango_attr_list_unref>>;
-
-void unrefObject(PangoLayout* layout) {
-  g_object_unref(layout);
-}
-using Layout = std::unique_ptr<PangoLayout, Deleter<PangoLayout, unrefObject>>;
+using Surface = platform::CairoSurface;
+using Cairo = platform::CairoContext;
+using Font = platform::PangoFont;
+using Attributes = platform::PangoAttributes;
+using Layout = platform::PangoLayoutHandle;
 
 }  // namespace
 
