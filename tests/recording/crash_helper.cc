@@ -2,14 +2,16 @@
 //
 //   recorder_crash_helper <documents folder> <pictures folder> [raw|h264]
 //
-// Appends 320 x 240 420f frames, 30 a second of movie time, as fast as the recorder takes them,
-// and writes each appended frame's time in nanoseconds as one line to standard output, so the
-// parent knows how far the recording had come when it killed this process.
+// Appends 320 x 240 420f frames at a camera's pace, 30 a second, and writes each appended frame's
+// time in nanoseconds as one line to standard output, so the parent knows how far the recording had
+// come when it killed this process.
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kwqimage/KWQCameraRollHelper.h"
@@ -34,8 +36,11 @@ int main(int argc, char** argv) {
     pb.unlockBaseAddress();
     frames.push_back(pb);
   }
-  // Stops by itself after ten minutes of movie time, should no one kill it.
+  // Stops by itself after ten minutes, should no one kill it. Paced like a camera: appending
+  // faster than real time only measures how far the writer's queue lets the caller run ahead.
+  const auto start = std::chrono::steady_clock::now();
   for (int64_t i = 0; i < 30 * 600; ++i) {
+    std::this_thread::sleep_until(start + std::chrono::microseconds(i * 1000000 / 30));
     const kwq::MediaTime pts{i * 3000, 90000};
     if (!recorder.appendCameraData(kwq::SampleBuffer(frames[i % 4], pts, {3000, 90000}))) return 4;
     const std::string line = std::to_string(i * 3000 * 1000000000LL / 90000) + "\n";

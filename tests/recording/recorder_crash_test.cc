@@ -93,10 +93,12 @@ void killTwentyRecordings(const std::string& codec) {
   ASSERT_FALSE(dir.path.empty());
   const fs::path& root = dir.path;
   std::mt19937 rng(std::random_device{}());
-  // Kill after 10..60 appended frames (a third of a second to two seconds of movie): late
-  // enough that qtmux has written its first index, which it does at the first frame it stores.
-  std::uniform_int_distribution<int> killAfter(10, 60);
-  // Two recordings at a time: most of a run is the recorder's designed 0.1 s waits.
+  // Kill after 15..60 appended frames (half a second to two seconds of a camera's stream):
+  // past the first fragment, which needs the frames of a tenth of a second to reach qtmux
+  // through the writer's queue of four and the one qtmux holds back; a kill before it leaves
+  // a movie without frames.
+  std::uniform_int_distribution<int> killAfter(15, 60);
+  // Two recordings at a time: the helpers spend most of their time waiting for the next frame.
   for (int run = 0; run < 20; run += 2) {
     Child children[2];
     for (int k = 0; k < 2; ++k)
