@@ -5,6 +5,8 @@
 // and loses a symbol turned by more than a few degrees; the code reader resamples each region
 // found here upright and lets zxing read it there.
 
+#include <array>
+#include <optional>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -27,6 +29,26 @@ struct BarRegion {
 /// Empty for pictures under 32 pixels on a side. Never throws on OpenCV's failures (empty).
 /// Thread: any, also concurrently.
 std::vector<BarRegion> locateBarRegions(const cv::Mat& gray, size_t maxRegions);
+
+/// A PDF417 symbol's outline, measured on its start and stop patterns.
+struct Pdf417Outline {
+  /// Top left, top right, bottom right and bottom left of the symbol as printed (its start
+  /// pattern runs down its left edge, whatever its turn in the picture), in picture pixels
+  /// (pixel centres, y down): the outer edges of the start and stop patterns where the first
+  /// and last rows end.
+  std::array<cv::Point2d, 4> corners;
+  /// Width of a module along the rows, picture pixels (the median over the patterns found).
+  double module = 0;
+};
+
+/// The outline of the PDF417 symbol in `region` of `gray`, found by scanning across its bars
+/// for the start pattern (bar and space widths 8 1 1 1 1 1 1 3 modules) and the stop pattern
+/// (7 1 1 3 1 1 1 2 1), fitting a line to each edge's hits and taking the ends of those lines
+/// where the hits end. Which of the two patterns lies at which end tells the symbol's left from
+/// its right, and the two lines follow the symbol under perspective. None when either edge has
+/// too few hits (no PDF417 there, or one cut by the frame or damaged along an edge). Cheap on
+/// regions without a symbol: one sparse set of lines decides. Thread: any.
+std::optional<Pdf417Outline> outlinePdf417(const cv::Mat& gray, const BarRegion& region);
 
 /// The affine map (2 x 3, CV_64F) that takes a pixel of an upright crop of `region` sampled
 /// at `scale` crop pixels per picture pixel to its place in the picture; the crop is

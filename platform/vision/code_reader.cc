@@ -41,13 +41,6 @@ constexpr size_t kMinReducedSide = 480;
 // A located region is resampled into at most this many pixels (a region larger than that has
 // modules wide enough to lose some resolution).
 constexpr double kMaxCropPixels = 0.6e6;
-// Nor longer than this across the bars: zxing's time grows with the crop, and a symbol that
-// long has modules wide enough without enlarging.
-constexpr double kMaxCropLength = 900;
-// The lean measured in an upright crop: steps of half a degree up to four degrees either way.
-constexpr double kSkewStepRadians = 0.5 * 3.14159265358979 / 180;
-constexpr int kSkewSteps = 8;
-
 // The zxing formats among the requested type strings.
 ZXing::BarcodeFormats requestedFormats(const std::vector<std::string>& types) {
   ZXing::BarcodeFormats formats;
@@ -161,7 +154,8 @@ MetadataObjects toObjects(const std::vector<Decoded>& found, size_t width, size_
     // and first has a positive width and height.
     double minX = 1, minY = 1, maxX = 0, maxY = 0;
     for (size_t i : {3, 2, 1, 0}) {
-      const Point n{unit(d.corners[i].x / w), unit(d.corners[i].y / h)};
+      // Pixel centres to the frame's edges: pixel 0 spans 0 to 1 / width.
+      const Point n{unit((d.corners[i].x + 0.5) / w), unit((d.corners[i].y + 0.5) / h)};
       code->corners.push_back(n);
       minX = std::min(minX, n.x);
       minY = std::min(minY, n.y);
@@ -226,46 +220,50 @@ ZXing::ImageView viewOf(const cv::Mat& gray) {
   return {gray.data, gray.cols, gray.rows, ZXing::ImageFormat::Lum, static_cast<int>(gray.step[0])};
 }
 
-// How far the bars of an upright crop still lean, in radians (positive: they lean left going
-// down, so the region's direction must turn clockwise by that much). Found as the shear
-// under which the columns' mean gray levels vary most: aligned bars make deep, narrow
-// columns; leaning ones smear into each other.
-double residualSkew(const cv::Mat& crop) {
-  const int w = crop.cols, h = crop.rows;
-  const int step = std::max(1, h / 32);  // rows sampled
-  double bestScore = -1, best = 0;
-  std::vector<double> sum(static_cast<size_t>(w) * 2), count(sum.size());
-  for (int k = -kSkewSteps; k <= kSkewSteps; ++k) {
-    const double t = std::tan(k * kSkewStepRadians);
-    std::fill(sum.begin(), sum.end(), 0.0);
-    std::fill(count.begin(), count.end(), 0.0);
-    const double offset = t < 0 ? -t * (h - 1) : 0;  // keeps bins non-negative
-    for (int y = 0; y < h; y += step) {
-      const uint8_t* row = crop.ptr<uint8_t>(y);
-      const double shift = offset + t * y;
-      for (int x = 0; x < w; ++x) {
-        const size_t bin = static_cast<size_t>(x + shift + 0.5);
-        if (bin >= sum.size()) continue;
-        sum[bin] += row[x];
-        count[bin] += 1;
-      }
-    }
-    double n = 0, m = 0, m2 = 0;
-    const double rows = static_cast<double>((h + step - 1) / step);
-    for (size_t i = 0; i < sum.size(); ++i) {
-      if (count[i] < 0.6 * rows) continue;
-      const double mean = sum[i] / count[i];
-      n += 1, m += mean, m2 += mean * mean;
-    }
-    if (n < 8) continue;
-    const double score = m2 / n - (m / n) * (m / n);
-    if (score > bestScore) bestScore = score, best = k * kSkewStepRadians;
+// The crop of a located symbol: its outline warped to an upright rectangle at this many crop
+// pixels per module, with this many modules of the picture around it as quiet zone.
+constexpr double kCropModule = 3.0;
+constexpr double kCropQuietModules = 3.0;
+
+// The symbol inside `outline` warped upright and read; its corners are the outline's.
+std::optional<Decoded> readOutline(const cv::Mat& gray, const Pdf417Outline& outline,
+                                   const ZXing::DecodeHints& hints) {
+  const auto& c = outline.corners;
+  const double modulesAcross =
+      0.5 * (cv::norm(c[1] - c[0]) + cv::norm(c[2] - c[3])) / outline.module;
+  const double modulesDown = 0.5 * (cv::norm(c[3] - c[0]) + cv::norm(c[2] - c[1])) / outline.module;
+  double scale = kCropModule;
+  const double q = kCropQuietModules;
+  if ((modulesAcross + 2 * q) * (modulesDown + 2 * q) * scale * scale > kMaxCropPixels)
+    scale = std::sqrt(kMaxCropPixels / ((modulesAcross + 2 * q) * (modulesDown + 2 * q)));
+  const cv::Size size(static_cast<int>(std::ceil((modulesAcross + 2 * q) * scale)),
+                      static_cast<int>(std::ceil((modulesDown + 2 * q) * scale)));
+  if (size.width < static_cast<int>(kMinSide) || size.height < static_cast<int>(kMinSide))
+    return std::nullopt;
+  // Crop pixel centres; the symbol's edges lie q modules in from the crop's edges.
+  const double x0 = q * scale - 0.5, y0 = q * scale - 0.5;
+  const double x1 = x0 + modulesAcross * scale, y1 = y0 + modulesDown * scale;
+  const cv::Point2f cropCorners[4] = {{float(x0), float(y0)},
+                                      {float(x1), float(y0)},
+                                      {float(x1), float(y1)},
+                                      {float(x0), float(y1)}};
+  cv::Point2f pictureCorners[4];
+  for (int i = 0; i < 4; ++i) pictureCorners[i] = cv::Point2f(c[static_cast<size_t>(i)]);
+  const cv::Mat toPicture = cv::getPerspectiveTransform(cropCorners, pictureCorners);
+  cv::Mat crop;
+  cv::warpPerspective(gray, crop, toPicture, size, cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
+                      cv::BORDER_REPLICATE);
+  for (ZXing::Result& r : readFenced(viewOf(crop), hints)) {
+    if (!r.isValid()) continue;
+    Decoded d{std::move(r), c};
+    return d;
   }
-  return best;
+  return std::nullopt;
 }
 
-// PDF417 symbols in the regions of bar texture, each region resampled upright (or upside
-// down, which zxing's detector reads as well) and read on its own.
+// PDF417 symbols in the regions of bar texture: each region's symbol outlined on its start
+// and stop patterns, warped upright and read on its own. A region without both patterns
+// costs a few dozen sampled lines and no read.
 std::vector<Decoded> readBarRegions(const cv::Mat& gray, const CodeReaderSettings& settings) {
   std::vector<Decoded> found;
   ZXing::DecodeHints hints;
@@ -276,54 +274,12 @@ std::vector<Decoded> readBarRegions(const cv::Mat& gray, const CodeReaderSetting
     if (std::any_of(found.begin(), found.end(),
                     [&](const Decoded& d) { return covers(d, centre); }))
       continue;
-    BarRegion upright = region;
-    cv::Mat toPicture, crop;
-    // Twice: the region's direction is the mean of its cells', which the card's print, the
-    // perspective and the cells at its edges pull by a degree or two; zxing's detector wants
-    // the bars within about one degree of upright. The first crop measures what is left.
-    for (int pass = 0; pass < 2; ++pass) {
-      // The lean is measured at the picture's own resolution, the read made finer.
-      const double scale =
-          std::min({pass == 0 ? 1.0 : settings.locatedScale, kMaxCropLength / upright.length,
-                    std::sqrt(kMaxCropPixels / (upright.length * upright.height))});
-      toPicture = cropToPicture(upright, scale);
-      const cv::Size size(static_cast<int>(std::ceil(upright.length * scale)),
-                          static_cast<int>(std::ceil(upright.height * scale)));
-      if (size.width < static_cast<int>(kMinSide) || size.height < static_cast<int>(kMinSide))
-        break;
-      cv::warpAffine(gray, crop, toPicture, size, cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
-                     cv::BORDER_REPLICATE);
-      if (pass == 1) break;
-      upright.angle += residualSkew(crop);
-    }
-    if (crop.empty()) continue;
-    // The region's direction does not say which end is up: upside down, the crop is read
-    // again turned half round (zxing's own turns would also try the quarter turns).
-    ZXing::Results results = readFenced(viewOf(crop), hints);
-    if (results.empty()) {
-      cv::Mat turned;
-      cv::rotate(crop, turned, cv::ROTATE_180);
-      results = readFenced(viewOf(turned), hints);
-      // Turned pixel (x, y) is crop pixel (w - 1 - x, h - 1 - y).
-      const cv::Mat half =
-          (cv::Mat_<double>(3, 3) << -1, 0, crop.cols - 1, 0, -1, crop.rows - 1, 0, 0, 1);
-      cv::Mat full = cv::Mat::eye(3, 3, CV_64F);
-      toPicture.copyTo(full(cv::Rect(0, 0, 3, 2)));
-      const cv::Mat product = full * half;
-      toPicture = product(cv::Rect(0, 0, 3, 2)).clone();
-    }
-    for (ZXing::Result& r : results) {
-      if (!r.isValid()) continue;
-      // Without its stop pattern in the crop zxing still decodes a symbol from its row
-      // indicators, but leaves the right-hand corners unset: such a read is left to the
-      // whole-picture search, which sees the whole symbol.
-      const ZXing::Position& p = r.position();
-      if (p[1] == p[2] || p[0] == p[3] || p[0] == p[1] || p[2] == p[3]) continue;
-      Decoded d = decoded(std::move(r), toPicture);
-      if (std::none_of(found.begin(), found.end(),
-                       [&](const Decoded& e) { return sameSymbol(d, e); }))
-        found.push_back(std::move(d));
-    }
+    const std::optional<Pdf417Outline> outline = outlinePdf417(gray, region);
+    if (!outline) continue;
+    std::optional<Decoded> d = readOutline(gray, *outline, hints);
+    if (d && std::none_of(found.begin(), found.end(),
+                          [&](const Decoded& e) { return sameSymbol(*d, e); }))
+      found.push_back(std::move(*d));
   }
   return found;
 }
