@@ -320,7 +320,31 @@ struct EdgeHit {
 };
 
 // A line through the hits (point and unit direction), refitted without those far from it.
+// With few hits (the sparse scan, where a line or two may read a pattern in the card's print
+// or a codeword), the line through the pair of hits that most others lie near seeds the fit.
 bool fitEdge(std::vector<EdgeHit>& hits, double module, cv::Point2d& origin, cv::Point2d& dir) {
+  if (hits.size() < kMinEdgeHits) return false;
+  auto near = [&](cv::Point2d o, cv::Point2d d, const EdgeHit& h, double limit) {
+    const cv::Point2d q = h.point - o;
+    return std::abs(q.x * d.y - q.y * d.x) <= limit;
+  };
+  if (hits.size() <= 64) {
+    size_t best = 0;
+    for (size_t i = 0; i < hits.size(); ++i)
+      for (size_t j = i + 1; j < hits.size(); ++j) {
+        cv::Point2d d = hits[j].point - hits[i].point;
+        const double length = cv::norm(d);
+        if (length < 2 * module) continue;
+        d /= length;
+        const size_t count =
+            static_cast<size_t>(std::count_if(hits.begin(), hits.end(), [&](const EdgeHit& h) {
+              return near(hits[i].point, d, h, 1.5 * module);
+            }));
+        if (count > best) best = count, origin = hits[i].point, dir = d;
+      }
+    if (best < kMinEdgeHits) return false;
+    std::erase_if(hits, [&](const EdgeHit& h) { return !near(origin, dir, h, 1.5 * module); });
+  }
   for (int pass = 0; pass < 3; ++pass) {
     if (hits.size() < kMinEdgeHits) return false;
     std::vector<cv::Point2f> points;
@@ -329,13 +353,11 @@ bool fitEdge(std::vector<EdgeHit>& hits, double module, cv::Point2d& origin, cv:
     cv::fitLine(points, line, cv::DIST_HUBER, 0, 0.01, 0.01);
     dir = {line[0], line[1]};
     origin = {line[2], line[3]};
-    const double limit = pass == 0 ? 4 * module : 1.5 * module;
     const size_t before = hits.size();
     std::erase_if(hits, [&](const EdgeHit& h) {
-      const cv::Point2d d = h.point - origin;
-      return std::abs(d.x * dir.y - d.y * dir.x) > limit;
+      return !near(origin, dir, h, (pass == 0 ? 3.0 : 1.5) * module);
     });
-    if (hits.size() == before && pass > 0) break;
+    if (hits.size() == before) break;
   }
   return hits.size() >= kMinEdgeHits;
 }
@@ -395,7 +417,9 @@ std::pair<double, double> edgeEnds(const std::vector<EdgeHit>& hits, cv::Point2d
 
 }  // namespace
 
-std::optional<Pdf417Outline> outlinePdf417(const cv::Mat& gray, const BarRegion& region) {
+std::optional<Pdf417Outline> outlinePdf417(const cv::Mat& gray, const BarRegion& region,
+                                           size_t* patternHits) {
+  if (patternHits) *patternHits = 0;
   if (gray.empty() || gray.type() != CV_8UC1 || gray.cols < 2 || gray.rows < 2 ||
       !(region.length > 0) || !(region.height > 0) || !std::isfinite(region.centre.x) ||
       !std::isfinite(region.centre.y) || !std::isfinite(region.angle))
@@ -424,6 +448,8 @@ std::optional<Pdf417Outline> outlinePdf417(const cv::Mat& gray, const BarRegion&
         edge[h.pattern - kPatterns].push_back(
             {from + h.along * perSample * u, h.module * perSample});
     }
+    if (patternHits)
+      *patternHits = edge[0].size() + edge[1].size() + edge[2].size() + edge[3].size();
     // The symbol's right runs along +u when its patterns read forward.
     const bool forward = edge[0].size() + edge[2].size() >= edge[1].size() + edge[3].size();
     const Pattern* wanted[2] = {&kPatterns[forward ? 0 : 1], &kPatterns[forward ? 2 : 3]};

@@ -47,8 +47,11 @@ struct Pdf417Outline {
 /// where the hits end. Which of the two patterns lies at which end tells the symbol's left from
 /// its right, and the two lines follow the symbol under perspective. None when either edge has
 /// too few hits (no PDF417 there, or one cut by the frame or damaged along an edge). Cheap on
-/// regions without a symbol: one sparse set of lines decides. Thread: any.
-std::optional<Pdf417Outline> outlinePdf417(const cv::Mat& gray, const BarRegion& region);
+/// regions without a symbol: one sparse set of lines decides. `patternHits`, when given,
+/// receives how many start and stop patterns that sparse set read (some where a symbol may be
+/// that could not be outlined). Thread: any.
+std::optional<Pdf417Outline> outlinePdf417(const cv::Mat& gray, const BarRegion& region,
+                                           size_t* patternHits = nullptr);
 
 /// The affine map (2 x 3, CV_64F) that takes a pixel of an upright crop of `region` sampled
 /// at `scale` crop pixels per picture pixel to its place in the picture; the crop is

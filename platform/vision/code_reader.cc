@@ -220,19 +220,18 @@ ZXing::ImageView viewOf(const cv::Mat& gray) {
   return {gray.data, gray.cols, gray.rows, ZXing::ImageFormat::Lum, static_cast<int>(gray.step[0])};
 }
 
-// The crop of a located symbol: its outline warped to an upright rectangle at this many crop
-// pixels per module, with this many modules of the picture around it as quiet zone.
-constexpr double kCropModule = 3.0;
+// The crop of an outlined symbol holds this many modules of the picture around it as quiet
+// zone.
 constexpr double kCropQuietModules = 3.0;
 
 // The symbol inside `outline` warped upright and read; its corners are the outline's.
 std::optional<Decoded> readOutline(const cv::Mat& gray, const Pdf417Outline& outline,
-                                   const ZXing::DecodeHints& hints) {
+                                   double modulePixels, const ZXing::DecodeHints& hints) {
   const auto& c = outline.corners;
   const double modulesAcross =
       0.5 * (cv::norm(c[1] - c[0]) + cv::norm(c[2] - c[3])) / outline.module;
   const double modulesDown = 0.5 * (cv::norm(c[3] - c[0]) + cv::norm(c[2] - c[1])) / outline.module;
-  double scale = kCropModule;
+  double scale = std::clamp(modulePixels, 1.0, 8.0);
   const double q = kCropQuietModules;
   if ((modulesAcross + 2 * q) * (modulesDown + 2 * q) * scale * scale > kMaxCropPixels)
     scale = std::sqrt(kMaxCropPixels / ((modulesAcross + 2 * q) * (modulesDown + 2 * q)));
@@ -263,8 +262,11 @@ std::optional<Decoded> readOutline(const cv::Mat& gray, const Pdf417Outline& out
 
 // PDF417 symbols in the regions of bar texture: each region's symbol outlined on its start
 // and stop patterns, warped upright and read on its own. A region without both patterns
-// costs a few dozen sampled lines and no read.
-std::vector<Decoded> readBarRegions(const cv::Mat& gray, const CodeReaderSettings& settings) {
+// costs a few dozen sampled lines and no read. `patternsSeen` tells whether any region showed
+// start or stop patterns at all.
+std::vector<Decoded> readBarRegions(const cv::Mat& gray, const CodeReaderSettings& settings,
+                                    bool& patternsSeen) {
+  patternsSeen = false;
   std::vector<Decoded> found;
   ZXing::DecodeHints hints;
   hints.setFormats(ZXing::BarcodeFormat::PDF417).setTryHarder(false).setTryRotate(false);
@@ -274,9 +276,12 @@ std::vector<Decoded> readBarRegions(const cv::Mat& gray, const CodeReaderSetting
     if (std::any_of(found.begin(), found.end(),
                     [&](const Decoded& d) { return covers(d, centre); }))
       continue;
-    const std::optional<Pdf417Outline> outline = outlinePdf417(gray, region);
+    size_t hits = 0;
+    const std::optional<Pdf417Outline> outline = outlinePdf417(gray, region, &hits);
+    // Two: one line may read a pattern in print or a photograph by chance.
+    patternsSeen = patternsSeen || hits >= 2;
     if (!outline) continue;
-    std::optional<Decoded> d = readOutline(gray, *outline, hints);
+    std::optional<Decoded> d = readOutline(gray, *outline, settings.locatedModulePixels, hints);
     if (d && std::none_of(found.begin(), found.end(),
                           [&](const Decoded& e) { return sameSymbol(*d, e); }))
       found.push_back(std::move(*d));
@@ -294,11 +299,14 @@ MetadataObjects read(const ZXing::ImageView& view, ZXing::BarcodeFormats formats
     std::vector<Decoded> found;
     cv::Mat gray;
     // PDF417 at any turn first: where that reads a symbol, the whole-picture search need not
-    // look for PDF417 again, and the corners come from an upright read.
+    // look for PDF417 again, and the corners come from an upright read. Nor where no region
+    // showed a start or stop pattern: zxing's search finds a PDF417 by those same patterns,
+    // and on most frames (no code at all) it is the larger part of the cost.
     if (formats.testFlag(ZXing::BarcodeFormat::PDF417) && settings.maxLocatedRegions > 0) {
       gray = grayOf(view);
-      found = readBarRegions(gray, settings);
-      if (!found.empty())
+      bool patternsSeen = false;
+      found = readBarRegions(gray, settings, patternsSeen);
+      if (!found.empty() || !patternsSeen)
         formats = formats.testFlag(ZXing::BarcodeFormat::QRCode) ? ZXing::BarcodeFormat::QRCode
                                                                  : ZXing::BarcodeFormats{};
     }

@@ -57,12 +57,13 @@ struct CodeReaderSettings {
   bool isPure = false;
   /// Most symbols reported per picture (1 to 255).
   int maxNumberOfSymbols = 255;
-  /// PDF417 at any turn: the regions of bar texture read upright, best first, before the
-  /// whole picture is searched (which then looks for PDF417 only when none of them held one).
-  /// 0 leaves PDF417 to the whole-picture search alone (rows within a few degrees of level).
+  /// PDF417 at any turn: the regions of bar texture, best first, are outlined on the symbol's
+  /// start and stop patterns, warped upright and read before the whole picture is searched
+  /// (which then looks for PDF417 only when none of them held one). 0 leaves PDF417 to the
+  /// whole-picture search alone (rows within a few degrees of level).
   int maxLocatedRegions = 4;
-  /// Crop pixels per picture pixel when a region is resampled upright.
-  double locatedScale = 2.0;
+  /// Crop pixels per module when an outlined symbol is warped upright.
+  double locatedModulePixels = 3.0;
 };
 
 /// The codes of the requested types in a camera frame.

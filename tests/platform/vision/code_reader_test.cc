@@ -89,13 +89,12 @@ TEST(CodeReader, ReadsPrintedSymbolsWithCornersWherePrinted) {
     const char* photo;
     CodePose pose;
   };
-  // PDF417 and QR at any turn; the corners' names must follow the symbol round.
+  // QR at any turn, PDF417 level and upside down (on a card at every turn below); the corners'
+  // names must follow the symbol round.
   const Case cases[] = {
       {CodeKind::PDF417, "building.jpg", pose(640, 360, 3, 0)},
       {CodeKind::PDF417, "messi5.jpg", pose(500, 300, 2.5, 4, 0.08)},
       {CodeKind::PDF417, "fruits.jpg", pose(700, 420, 3, 180)},
-      {CodeKind::PDF417, "baboon.jpg", onCard(640, 360, 2.5, 37, 25, 60)},
-      {CodeKind::PDF417, "home.jpg", onCard(600, 380, 3, -120, 10, 150, 60)},
       {CodeKind::QR, "building.jpg", pose(300, 250, 4, 30, 0.1)},
       {CodeKind::QR, "baboon.jpg", pose(900, 400, 5, -45)},
       {CodeKind::QR, "home.jpg", pose(640, 360, 4, 90, 0.15)},
@@ -110,10 +109,7 @@ TEST(CodeReader, ReadsPrintedSymbolsWithCornersWherePrinted) {
     const auto& found = code(objects, 0);
     EXPECT_EQ(found.type, c.kind == CodeKind::QR ? kQR : kPdf417) << text;
     EXPECT_EQ(found.stringValue, text);
-    // Within two modules (zxing reports whole pixels, and PDF417 corners sit on the start and
-    // stop patterns' outer edges as its detector finds them).
-    EXPECT_LE(cornerError(found, printed.bgra, printed.corners), 2 * c.pose.modulePixels + 1)
-        << text;
+    EXPECT_LE(cornerError(found, printed.bgra, printed.corners), 2 * c.pose.modulePixels) << text;
     double minX = 1, minY = 1, maxX = 0, maxY = 0;
     for (const Point& p : found.corners) {
       minX = std::min(minX, p.x), maxX = std::max(maxX, p.x);
@@ -251,9 +247,9 @@ TEST(CodeReader, ReadsTheSyntheticCardWhereItsCodeIsWhole) {
 
 TEST(CodeReader, Pdf417OnACardIsReadAtEveryTurn) {
   // A licence record on a card turned all the way round, tilted out of the plane up to 25
-  // degrees, some with glare: read at most turns (zxing alone reads it within about 5 degrees
-  // of level or of a quarter turn), never a wrong text, the corners' names following the
-  // symbol round.
+  // degrees, some with glare: read at every turn (zxing alone reads it within about 5 degrees
+  // of level or of a quarter turn), never a wrong text, each corner within two modules of its
+  // own (named as printed, whatever the turn).
   const char* photos[] = {"building.jpg", "messi5.jpg", "fruits.jpg", "stuff.jpg"};
   int read = 0;
   for (int angle = 0; angle < 360; angle += 15) {
@@ -269,16 +265,14 @@ TEST(CodeReader, Pdf417OnACardIsReadAtEveryTurn) {
     const auto& found = code(objects, 0);
     EXPECT_EQ(found.stringValue, text) << angle << " degrees";
     read += found.stringValue == text;
-    const double width = cv::norm(printed.corners[1] - printed.corners[0]);
-    EXPECT_LE(cornerError(found, printed.bgra, printed.corners), 0.1 * width)
-        << angle << " degrees";
+    EXPECT_LE(cornerError(found, printed.bgra, printed.corners), 2 * module) << angle << " degrees";
     if (angle == 0) {
       // The metadata callback's rectangle: from P3 across to P2 and down to P0.
       EXPECT_GT(found.corners[2].x - found.corners[3].x, 0.1);
       EXPECT_GT(found.corners[0].y - found.corners[3].y, 0.02);
     }
   }
-  EXPECT_GE(read, 14) << "of 24 turns";
+  EXPECT_GE(read, 23) << "of 24 turns";
 }
 
 TEST(CodeReader, AwkwardScenesGiveTheRightTextsOrNone) {
