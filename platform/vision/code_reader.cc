@@ -315,10 +315,12 @@ MetadataObjects read(const ZXing::ImageView& view, ZXing::BarcodeFormats formats
     const ZXing::DecodeHints hints = hintsFor(formats, settings);
     ZXing::Results results = readFenced(view, hints);
     cv::Mat toPicture;
-    if (results.empty() && settings.retry == CodeRetry::GlobalHistogram) {
+    // The retry is for frames where nothing was read at all.
+    const bool retry = results.empty() && found.empty();
+    if (retry && settings.retry == CodeRetry::GlobalHistogram) {
       results = readFenced(
           view, ZXing::DecodeHints(hints).setBinarizer(ZXing::Binarizer::GlobalHistogram));
-    } else if (results.empty() && settings.retry != CodeRetry::None &&
+    } else if (retry && settings.retry != CodeRetry::None &&
                std::min(width, height) >= kMinReducedSide) {
       const int k = settings.retry == CodeRetry::ReducedByThree ? 3 : 2;
       if (gray.empty()) gray = grayOf(view);
