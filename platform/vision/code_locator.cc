@@ -4,6 +4,10 @@
 // rows (its bars are parallel whatever the symbol's turn); photographs, faces and most print
 // give weaker or less coherent cells. Cells that agree in direction are grown into regions,
 // and each region's rectangle is measured along and across that direction.
+//
+// Within a region, the symbol itself is outlined by its start and stop patterns, which run
+// down its left and right edges in every row: lines across the bars read them, a line is
+// fitted to each edge's hits, and the edges end where the rows do.
 
 #include "platform/vision/code_locator.h"
 
@@ -191,8 +195,9 @@ std::vector<BarRegion> locateBarRegions(const cv::Mat& gray, size_t maxRegions) 
 
 namespace {
 
-// The start and stop patterns' bars and spaces in modules, bar first, as read from the
-// symbol's left to its right; `dark` says whether the first element is a bar.
+// The start and stop patterns' bars and spaces in modules as a line across the symbol meets
+// them, from the symbol's left (forward) or from its right (reverse); `dark`: the first
+// element is a bar.
 struct Pattern {
   std::array<double, 9> widths;
   size_t count;
@@ -502,6 +507,7 @@ std::optional<Pdf417Outline> outlinePdf417(const cv::Mat& gray, const BarRegion&
       } else {
         const cv::Point2d leftEdge = corners[3] - corners[0], rightEdge = corners[2] - corners[1];
         const double length = std::max(cv::norm(leftEdge), cv::norm(rightEdge));
+        if (!(length > 2 * module)) return std::nullopt;
         const double reachT = (6 * module) / length, stepT = spacing / length;
         for (double t = -reachT; t <= 1 + reachT; t += stepT) {
           const cv::Point2d a = corners[0] + t * leftEdge, b = corners[1] + t * rightEdge;
@@ -540,22 +546,6 @@ std::optional<Pdf417Outline> outlinePdf417(const cv::Mat& gray, const BarRegion&
   } catch (const std::exception&) {
     return std::nullopt;
   }
-}
-
-cv::Mat cropToPicture(const BarRegion& region, double scale) {
-  const double ux = std::cos(region.angle), uy = std::sin(region.angle);
-  const double w = std::ceil(region.length * scale), h = std::ceil(region.height * scale);
-  // Crop pixel (i, j) lies (i - (w - 1) / 2) / scale along the rows and (j - (h - 1) / 2) /
-  // scale along the bars from the centre.
-  const double ox = (w - 1) / 2, oy = (h - 1) / 2;
-  cv::Mat m(2, 3, CV_64F);
-  m.at<double>(0, 0) = ux / scale;
-  m.at<double>(0, 1) = -uy / scale;
-  m.at<double>(0, 2) = region.centre.x - (ox * ux - oy * uy) / scale;
-  m.at<double>(1, 0) = uy / scale;
-  m.at<double>(1, 1) = ux / scale;
-  m.at<double>(1, 2) = region.centre.y - (ox * uy + oy * ux) / scale;
-  return m;
 }
 
 }  // namespace kwq::platform

@@ -2,8 +2,8 @@
 
 // Finds regions of a gray picture that look like a PDF417 symbol at any in-plane angle: dense
 // bar texture whose edges all run one way. zxing's PDF417 detector follows the picture's rows
-// and loses a symbol turned by more than a few degrees; the code reader resamples each region
-// found here upright and lets zxing read it there.
+// and loses a symbol turned by more than a few degrees; the code reader outlines the symbol in
+// each region found here, warps it upright and lets zxing read it there.
 
 #include <array>
 #include <optional>
@@ -52,10 +52,5 @@ struct Pdf417Outline {
 /// that could not be outlined). Thread: any.
 std::optional<Pdf417Outline> outlinePdf417(const cv::Mat& gray, const BarRegion& region,
                                            size_t* patternHits = nullptr);
-
-/// The affine map (2 x 3, CV_64F) that takes a pixel of an upright crop of `region` sampled
-/// at `scale` crop pixels per picture pixel to its place in the picture; the crop is
-/// ceil(length scale) x ceil(height scale) pixels.
-cv::Mat cropToPicture(const BarRegion& region, double scale);
 
 }  // namespace kwq::platform
