@@ -411,12 +411,12 @@ double medianModule(const std::vector<EdgeHit>& hits) {
 }
 
 // The ends of an edge's hits along its line (origin, unit dir): the longest stretch without a
-// wide gap, widened by half the spacing of the lines that found them.
+// gap wider than `gap` pixels, widened by half the spacing of the lines that found them.
 std::pair<double, double> edgeEnds(const std::vector<EdgeHit>& hits, cv::Point2d origin,
-                                   cv::Point2d dir, double spacing, double module) {
+                                   cv::Point2d dir, double spacing, double gap) {
   std::vector<double> t;
   for (const EdgeHit& h : hits) t.push_back((h.point - origin).dot(dir));
-  auto [top, bottom] = longestStretch(t, std::max(8 * spacing, 6 * module));
+  auto [top, bottom] = longestStretch(t, std::max(8 * spacing, gap));
   return {top - 0.5 * spacing, bottom + 0.5 * spacing};
 }
 
@@ -508,7 +508,9 @@ std::optional<Pdf417Outline> outlinePdf417(const cv::Mat& gray, const BarRegion&
         const cv::Point2d leftEdge = corners[3] - corners[0], rightEdge = corners[2] - corners[1];
         const double length = std::max(cv::norm(leftEdge), cv::norm(rightEdge));
         if (!(length > 2 * module)) return std::nullopt;
-        const double reachT = (6 * module) / length, stepT = spacing / length;
+        // Beyond the first ends, by up to a fifth of the edge: a stretch of an edge that the
+        // first lines missed (they cross it aslant) is found again along the rows.
+        const double reachT = std::max(6 * module / length, 0.2), stepT = spacing / length;
         for (double t = -reachT; t <= 1 + reachT; t += stepT) {
           const cv::Point2d a = corners[0] + t * leftEdge, b = corners[1] + t * rightEdge;
           const cv::Point2d r = (b - a) / std::max(1e-9, cv::norm(b - a));
@@ -519,11 +521,13 @@ std::optional<Pdf417Outline> outlinePdf417(const cv::Mat& gray, const BarRegion&
               dense[side].push_back(*h);
         }
       }
+      // Lines that cross the rows aslant miss the pattern here and there, so the first ends
+      // bridge wide gaps; along the rows a gap means the symbol has ended (or is damaged).
       for (int side = 0; side < 2; ++side) {
         if (!fitEdge(dense[side], module, origin[side], dir[side])) return std::nullopt;
         if (dir[side].dot(down) < 0) dir[side] = -dir[side];
-        const auto [top, bottom] =
-            edgeEnds(dense[side], origin[side], dir[side], spacing, medianModule(dense[side]));
+        const auto [top, bottom] = edgeEnds(dense[side], origin[side], dir[side], spacing,
+                                            (pass == 0 ? 20 : 6) * medianModule(dense[side]));
         corners[side == 0 ? 0 : 1] = origin[side] + top * dir[side];
         corners[side == 0 ? 3 : 2] = origin[side] + bottom * dir[side];
       }

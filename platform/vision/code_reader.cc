@@ -220,6 +220,24 @@ ZXing::ImageView viewOf(const cv::Mat& gray) {
   return {gray.data, gray.cols, gray.rows, ZXing::ImageFormat::Lum, static_cast<int>(gray.step[0])};
 }
 
+// The region a decoded symbol covers, as the locator would give it, with room for its
+// corners to be a few modules off.
+BarRegion regionOf(const Decoded& d) {
+  const auto& c = d.corners;
+  const cv::Point2d across = 0.5 * (c[1] - c[0] + c[2] - c[3]);
+  const cv::Point2d down = 0.5 * (c[3] - c[0] + c[2] - c[1]);
+  BarRegion r;
+  r.centre = middle(d);
+  r.angle = std::atan2(across.y, across.x);
+  // Folded into (-pi/2, pi/2]: a region's direction has no sign.
+  if (r.angle > CV_PI / 2) r.angle -= CV_PI;
+  if (r.angle <= -CV_PI / 2) r.angle += CV_PI;
+  r.length = 1.1 * cv::norm(across);
+  r.height = 1.1 * cv::norm(down);
+  r.score = 1;
+  return r;
+}
+
 // The crop of an outlined symbol holds this many modules of the picture around it as quiet
 // zone.
 constexpr double kCropQuietModules = 3.0;
@@ -334,9 +352,19 @@ MetadataObjects read(const ZXing::ImageView& view, ZXing::BarcodeFormats formats
       if (!r.isValid()) continue;
       Decoded d = decoded(std::move(r), toPicture);
       // zxing's PDF417 detector puts a turned symbol's top right corner on its top left's
-      // row; the other three it measures. A turned symbol is near enough a parallelogram.
-      if (d.result.format() == ZXing::BarcodeFormat::PDF417)
+      // row; the other three it measures. A turned symbol is near enough a parallelogram,
+      // and where its start and stop patterns can be followed, its outline is better still.
+      if (d.result.format() == ZXing::BarcodeFormat::PDF417) {
         d.corners[1] = d.corners[0] + d.corners[2] - d.corners[3];
+        if (gray.empty()) gray = grayOf(view);
+        // The same symbol: the outline's middle near zxing's (whose corners may be far off).
+        const BarRegion region = regionOf(d);
+        if (const auto outline = outlinePdf417(gray, region); outline)
+          if (cv::norm(0.25 * (outline->corners[0] + outline->corners[1] + outline->corners[2] +
+                               outline->corners[3]) -
+                       region.centre) < 0.25 * region.length)
+            d.corners = outline->corners;
+      }
       if (std::none_of(found.begin(), found.end(),
                        [&](const Decoded& e) { return sameSymbol(d, e); }))
         found.push_back(std::move(d));
