@@ -240,8 +240,9 @@ void sampleLine(const cv::Mat& gray, cv::Point2d from, cv::Point2d step, int n,
   out.resize(static_cast<size_t>(n));
   const int w = gray.cols, h = gray.rows;
   for (int i = 0; i < n; ++i) {
-    const double x = std::clamp(from.x + i * step.x, 0.0, w - 1.0);
-    const double y = std::clamp(from.y + i * step.y, 0.0, h - 1.0);
+    // (Written so that a NaN lands on the border too.)
+    const double x = from.x + i * step.x >= 0 ? std::min(from.x + i * step.x, w - 1.0) : 0.0;
+    const double y = from.y + i * step.y >= 0 ? std::min(from.y + i * step.y, h - 1.0) : 0.0;
     const int x0 = std::min(static_cast<int>(x), w - 2 < 0 ? 0 : w - 2);
     const int y0 = std::min(static_cast<int>(y), h - 2 < 0 ? 0 : h - 2);
     const int x1 = std::min(x0 + 1, w - 1), y1 = std::min(y0 + 1, h - 1);
