@@ -1,6 +1,8 @@
 #include "kwqimage/DispatchQueue.h"
 
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -128,6 +130,34 @@ TEST(DispatchQueueTest, GlobalPoolRunsBlocksConcurrently) {
     });
   }
   EXPECT_TRUE(test::pumpMainContextUntil([&] { return finished.load() == 2; }));
+}
+
+TEST(DispatchQueueTest, GlobalPoolServesNewBlocksWhileItsThreadsWait) {
+  // More waiting blocks than the pool has threads on any machine: a block queued behind them
+  // must still run, and so must the waiters once released.
+  const int waiters = static_cast<int>(std::max(16u, 2 * std::thread::hardware_concurrency()));
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool released = false;
+  std::atomic<int> waiting{0}, done{0};
+  for (int i = 0; i < waiters; ++i) {
+    DispatchQueue::global().async([&] {
+      std::unique_lock lock(mutex);
+      ++waiting;
+      cv.wait(lock, [&] { return released; });
+      ++done;
+    });
+  }
+  std::atomic<bool> ran{false};
+  DispatchQueue::global().async([&] { ran = true; });
+  EXPECT_TRUE(test::pumpMainContextUntil([&] { return ran.load(); }, 30s));
+  EXPECT_TRUE(test::pumpMainContextUntil([&] { return waiting.load() == waiters; }, 30s));
+  {
+    std::lock_guard lock(mutex);
+    released = true;
+  }
+  cv.notify_all();
+  ASSERT_TRUE(test::pumpMainContextUntil([&] { return done.load() == waiters; }, 60s));
 }
 
 TEST(TimerTest, RepeatsOnTheMainContextUntilInvalidated) {
