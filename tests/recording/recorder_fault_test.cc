@@ -124,9 +124,11 @@ Movies moviesIn(const fs::path& folder) {
 
 void tableRow(const std::string& fault, const Child& child, const Movies& library,
               const Movies& documents) {
-  std::printf("| %s | %d | %d in the library, %d left in Documents | %d | %d (%d distinct) |\n",
-              fault.c_str(), child.value("appended"), library.count, documents.count,
-              library.playable + documents.playable, child.value("lines"), child.value("distinct"));
+  std::printf(
+      "| %s | %d | %d in the library, %d left in Documents | %d, %zu frames | %d (%d distinct) |\n",
+      fault.c_str(), child.value("appended"), library.count, documents.count,
+      library.playable + documents.playable, std::max(library.frames, documents.frames),
+      child.value("lines"), child.value("distinct"));
   std::fflush(stdout);
 }
 
@@ -260,7 +262,7 @@ TEST_F(RecorderFault, AFolderMadeReadOnlyMidRunKeepsTheMovieAndRefusesTheNext) {
 }
 
 // Kills at several moments of the photo library's save: the movie is always somewhere whole,
-// and the library never shows a part of one.
+// the library never shows a part of one, and one left behind is saved by the next start.
 class KilledDuringSave : public RecorderFault, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(KilledDuringSave, LeavesTheMovieWholeInOnePlace) {
@@ -271,7 +273,7 @@ TEST_P(KilledDuringSave, LeavesTheMovieWholeInOnePlace) {
     SKIP_UNLESS_MOUNTED(*other);
     pics = other->at / "Pictures";
   }
-  int inLibrary = 0, inDocuments = 0;
+  int inLibrary = 0, inDocuments = 0, recoveredAtNextStart = 0;
   for (int delayUs : {0, 200, 1000, 3000, 10000, 30000}) {
     fs::remove_all(pics);
     fs::remove_all(documents());
@@ -285,12 +287,20 @@ TEST_P(KilledDuringSave, LeavesTheMovieWholeInOnePlace) {
     EXPECT_EQ(std::max(library.frames, left.frames), 90u) << delayUs << " us";
     inLibrary += library.count;
     inDocuments += left.count;
+    if (left.count == 0) continue;
+    // A movie the kill left behind goes to the photo library with the next start.
+    const Child next = runHelper(documents(), pics, 10, -1);
+    ASSERT_EQ(next.value("appended"), 10) << next.out;
+    const auto recovered = test::readMovie((pics / "Recovered-FrontCardData0.mov").string());
+    EXPECT_EQ(recovered.frames, 90u) << delayUs << " us";
+    EXPECT_EQ(moviesIn(pics).count, library.count + 2) << delayUs << " us";
+    ++recoveredAtNextStart;
   }
   std::printf(
       "| SIGKILL during the save (%s), 6 kills | 90 each | %d in the library, %d left in "
-      "Documents | %d | - |\n",
+      "Documents (%d saved by the next start) | %d, 90 frames each | - |\n",
       GetParam() ? "pictures elsewhere" : "one file system", inLibrary, inDocuments,
-      inLibrary + inDocuments);
+      recoveredAtNextStart, inLibrary + inDocuments);
 }
 
 INSTANTIATE_TEST_SUITE_P(Places, KilledDuringSave, ::testing::Bool(), [](const auto& info) {
