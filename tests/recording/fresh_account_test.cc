@@ -152,22 +152,27 @@ TEST_F(FreshAccount, AFullHomeKeepsTheMovieAndPrintsTheRepeatedErrorOnce) {
     ~Unmount() { ::umount2(at.c_str(), MNT_DETACH); }
   } unmount{home_};
   const ToolRun run = kwqIn(home_, "capture --seconds 4 --record");
-  const auto count = [&](const std::string& text) {
-    size_t n = 0;
-    for (size_t at = run.err.find(text); at != std::string::npos; at = run.err.find(text, at + 1))
+  const auto count = [&](const std::string& text) {  // lines that begin with `text`
+    size_t n = run.err.starts_with(text);
+    for (size_t at = run.err.find("\n" + text); at != std::string::npos;
+         at = run.err.find("\n" + text, at + 1))
       ++n;
     return n;
   };
   std::printf("| kwq capture --record --seconds 4, HOME on an 8 MB tmpfs | %s |\n%s",
               run.row("movie").c_str(), run.err.c_str());
   EXPECT_EQ(count("Record Camera Data: An error has occured recording the camera."), 1u) << run.err;
-  EXPECT_EQ(count(" times in all: Record Camera Data: An error has occured"), 1u) << run.err;
+  EXPECT_EQ(count("kwq: "), 1u) << run.err;  // "kwq: <n> times in all: <that line>"
+  EXPECT_NE(run.err.find(" times in all: Record Camera Data: An error has occured"),
+            std::string::npos)
+      << run.err;
   const fs::path movie = run.row("movie");
   ASSERT_FALSE(movie.empty()) << run.out << run.err;
   EXPECT_EQ(movie.parent_path(), home_ / "Pictures");
   const auto read = test::readMovie(movie.string());
   EXPECT_TRUE(read.opened) << read.error;
-  EXPECT_GT(read.frames, 5u);
+  // 1280x720 frames, 1.8 MB each as stored: the few that fit before the disk filled.
+  EXPECT_GE(read.frames, 1u);
 }
 
 }  // namespace
