@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <mutex>
 #include <numbers>
 
 #include <gtest/gtest.h>
@@ -36,9 +37,18 @@ struct StillCatcher : KWQFrameDelegate, KWQStillImageDelegate {
   }
   void getNewStillImage(const Image& image) override {
     onFrameQueue = frameQueue && frameQueue->isCurrent();
-    still = image;
+    {
+      std::lock_guard lock(mutex);
+      still = image;
+    }
     arrived = true;
   }
+  // For tests where a late still may still come while they look.
+  Image latestStill() {
+    std::lock_guard lock(mutex);
+    return still;
+  }
+  std::mutex mutex;
   std::atomic<int> frames{0};
   std::atomic<bool> arrived{false};
   std::atomic<bool> onFrameQueue{false};
@@ -158,7 +168,7 @@ TEST_F(StillToggleTest, AStillInFlightArrivesAfterTheHostReleasesTheEngine) {
   engine->takeStillPicture();
   engine.reset();  // the host lets go while the still is on its way
   EXPECT_TRUE(pumpMainContextUntil([&] { return catcher->arrived.load(); }, 30s));
-  EXPECT_FALSE(catcher->still.isNull());
+  EXPECT_FALSE(catcher->latestStill().isNull());
   // Once the photo is delivered the engine goes.
   EXPECT_TRUE(pumpMainContextUntil([&] { return weak.expired(); }, 30s));
 }
@@ -174,7 +184,7 @@ TEST_F(StillToggleTest, AStillRequestedAsTheSessionStopsNeitherHangsNorSpoilsThe
     engine->takeStillPicture();
     engine->stopVideoCapture();  // a still racing the stop arrives whole or not at all
     test::drainMainContext();
-    if (catcher->arrived) EXPECT_FALSE(catcher->still.isNull());
+    if (catcher->arrived) EXPECT_FALSE(catcher->latestStill().isNull());
     catcher->arrived = false;
     catcher->frames = 0;
   }
@@ -184,7 +194,7 @@ TEST_F(StillToggleTest, AStillRequestedAsTheSessionStopsNeitherHangsNorSpoilsThe
   catcher->arrived = false;
   engine->takeStillPicture();
   EXPECT_TRUE(pumpMainContextUntil([&] { return catcher->arrived.load(); }, 30s));
-  EXPECT_FALSE(catcher->still.isNull());
+  EXPECT_FALSE(catcher->latestStill().isNull());
 }
 
 TEST_F(StillToggleTest, ToggleSwapsFrontAndBackWithOrWithoutTheFlip) {
