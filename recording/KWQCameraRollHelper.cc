@@ -285,25 +285,25 @@ void KWQCameraRollHelper::deleteAndRecreateCameraDataFolder() {
     auto isSpared = [&](const std::filesystem::path& entry) {
       std::error_code ec;
       for (const std::string& path : spared)
-        if (!path.empty() && std::filesystem::equivalent(entry, path, ec)) return true;
+        if (std::filesystem::equivalent(entry, path, ec)) return true;
       return false;
     };
+    std::erase(spared, std::string());
+    // With a movie to spare the folder itself stays: a recording whose file is not created yet
+    // must find its folder whenever its first frame comes.
+    const bool keepFolder = !spared.empty();
     std::error_code ec;
     std::string removeError;
     struct stat st;
-    bool sparedAny = false;
     if (::lstat(folder.c_str(), &st) != 0) {
       removeError = "\"" + name + "\" couldn't be removed because it doesn't exist.";
     } else {
       std::vector<std::filesystem::path> doomed;
       for (std::filesystem::directory_iterator it(folder, ec), end; !ec && it != end;
            it.increment(ec)) {
-        if (isSpared(it->path()))
-          sparedAny = true;
-        else
-          doomed.push_back(it->path());
+        if (!isSpared(it->path())) doomed.push_back(it->path());
       }
-      if (!sparedAny) {
+      if (!keepFolder) {
         ec.clear();
         if (std::filesystem::remove_all(folder, ec) == static_cast<std::uintmax_t>(-1) || ec)
           removeError = "\"" + name + "\" couldn't be removed: " + ec.message();
@@ -319,7 +319,8 @@ void KWQCameraRollHelper::deleteAndRecreateCameraDataFolder() {
     if (!removeError.empty())
       logf("Record Camera Data: Error removing folder at path: %s, %s", folder.c_str(),
            removeError.c_str());
-    if (!sparedAny && ::mkdir(folder.c_str(), 0777) != 0) {
+    if ((!keepFolder || removeError.find("doesn't exist") != std::string::npos) &&
+        ::mkdir(folder.c_str(), 0777) != 0) {
       const std::string reason = "\"" + name + "\" couldn't be created: " + std::strerror(errno);
       logf("Record Camera Data: Error creating folder at path: %s, %s", folder.c_str(),
            reason.c_str());
