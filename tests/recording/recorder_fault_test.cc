@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -50,9 +51,18 @@ struct Child {
 Child runHelper(const fs::path& documents, const fs::path& pictures, int frames, int freezeAfter,
                 const std::vector<std::string>& extraEnv = {},
                 std::optional<std::chrono::microseconds> killAfter = std::nullopt) {
-  std::vector<std::string> env;
-  for (char** e = environ; *e; ++e) env.push_back(*e);
-  for (const auto& v : extraEnv) env.push_back(v);
+  // This process's environment with `extraEnv` set over it.
+  std::vector<std::string> env = extraEnv;
+  for (char** e = environ; *e; ++e) {
+    const std::string var = *e;
+    const std::string name = var.substr(0, var.find('=') + 1);
+    const auto over = std::find_if(env.begin(), env.end(),
+                                   [&](const std::string& v) { return v.starts_with(name); });
+    if (over == env.end())
+      env.push_back(var);
+    else if (name == "ASAN_OPTIONS=")  // the sanitizer build's own options stay
+      *over = var + ":" + over->substr(name.size());
+  }
   std::vector<char*> envp;
   for (auto& v : env) envp.push_back(v.data());
   envp.push_back(nullptr);
