@@ -15,12 +15,14 @@ void KWQVideoHelper::takeStillPicture() {
   auto connection = d.stillImageOutput->connectionWithMediaType(AVMediaTypeVideo);
   if (connection) connection->setVideoScaleAndCropFactor(1.0);  // no digital zoom
   d.stillImageOutput->setOutputSettings(kPixelFormatBGRA);
-  std::weak_ptr<KWQVideoHelper> weak = weak_from_this();
+  // The completion keeps the engine, and with it the running session, until the still is
+  // delivered: a host may let go of the engine as soon as it has asked for a picture (the
+  // simple capture view counts on a late still arriving). The engine goes when the completion
+  // does, on the thread that ran it.
   d.stillImageOutput->captureStillImageAsynchronouslyFromConnection(
-      connection, [weak](const SampleBuffer& still, const std::optional<std::string>& error) {
+      connection, [self = shared_from_this()](const SampleBuffer& still,
+                                              const std::optional<std::string>& error) {
         if (error) return;  // a failed still is not reported
-        auto self = weak.lock();
-        if (!self) return;
         // On the frame queue, so a still never overlaps a frame step.
         self->d_->videoDataOutputQueue->sync([&] {
           const auto camera = self->device();

@@ -1,7 +1,10 @@
 #include "kwqimage/KWQCameraRollHelper.h"
 
+#include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -9,6 +12,7 @@
 #include <filesystem>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "platform/foundation/file_url.h"
 #include "platform/foundation/log_format.h"
@@ -30,6 +34,20 @@ struct KWQCameraRollHelper::Impl {
   std::shared_ptr<MovieWriter> outputWriter;
   std::string videoFilePath;
   bool finishRequested = false;  // the current writer was asked to finish
+  // Finished movies handed to the photo library whose save has not completed; and movies the
+  // photo library could not take, kept for the process's life. The folder's emptying spares
+  // both, and the next movie's number counts the pending ones as saved already.
+  std::vector<std::string> pendingMovies;
+  std::vector<std::string> keptMovies;
+  // Movies another (killed) process left in the folder, on their way to the photo library.
+  std::vector<std::string> recoveringMovies;
+  // Movies the photo library has copied whose source could not be removed (a read-only
+  // folder): not to be saved a second time.
+  std::vector<std::string> savedMovies;
+
+  // Serialises what decides about the folder's files: a start (name, emptying, new writer), a
+  // finished movie's hand-over and a save's completion. Taken before `mutex`.
+  std::recursive_mutex folderMutex;
 
   // Flags read on every frame: atomics, so a read on the frame queue never races a write.
   std::atomic<bool> isRecording{false};
@@ -111,10 +129,12 @@ bool KWQCameraRollHelper::startSavingCameraData() {
   bool expected = false;
   if (!d_->isRecording.compare_exchange_strong(expected, true)) return false;
   guarded(0, [&] {
+    std::lock_guard folderLock(d_->folderMutex);
     auto input = MovieWriterInput::videoInput(platformCodec(d_->codec.load()));
     input->setExpectsMediaDataInRealTime(true);
     // The file's name is taken before the folder is recreated, from the current counter.
     const std::string url = getCameraDataFilePath();
+    recoverLeftoverMovies();
     deleteAndRecreateCameraDataFolder();
     // A writer that cannot be created stays absent; later calls then do nothing.
     auto writer = MovieWriter::create(url, platform::MovieFileType::QuickTimeMovie);
@@ -173,7 +193,15 @@ bool KWQCameraRollHelper::stopSavingCameraData() {
     s.writer->finishWriting([this, url = s.videoFilePath] {
       const bool posted = guarded(false, [&] {
         const std::string path = platform::pathFromFileURL(url).value_or(std::string());
-        platform::saveVideoToPhotoLibrary(
+        // From here the movie belongs to the photo library: a start that comes before the
+        // save has completed spares it and takes the next number. The movie is moved, not
+        // copied, so a full disk keeps it, and a failed writer's movie goes as far as written.
+        std::lock_guard folderLock(d_->folderMutex);
+        {
+          std::lock_guard lock(d_->mutex);
+          d_->pendingMovies.push_back(path);
+        }
+        platform::moveVideoToPhotoLibrary(
             path, [this, path](const std::optional<std::string>& error, const std::string&) {
               guarded(0, [&] {
                 videoDidFinishSaving(path, error, std::string());
@@ -225,8 +253,13 @@ std::string KWQCameraRollHelper::getCameraDataFolderPath() {
 
 std::string KWQCameraRollHelper::getCameraDataFilePath() {
   return guarded(std::string(), [&] {
-    const std::string name =
-        formatString("FrontCardData%d.mov", static_cast<int>(d_->cameraDataCounter.load()));
+    size_t pending = 0;
+    {
+      std::lock_guard lock(d_->mutex);
+      pending = d_->pendingMovies.size();
+    }
+    const std::string name = formatString("FrontCardData%d.mov",
+                                          static_cast<int>(d_->cameraDataCounter.load() + pending));
     const std::string folder = getCameraDataFolderPath();
     if (folder.empty()) return std::string();
     return platform::fileURLWithPath(folder + formatString("/%s", name.c_str()));
@@ -235,19 +268,59 @@ std::string KWQCameraRollHelper::getCameraDataFilePath() {
 
 void KWQCameraRollHelper::deleteAndRecreateCameraDataFolder() {
   guarded(0, [&] {
+    std::lock_guard folderLock(d_->folderMutex);
     const std::string folder = getCameraDataFolderPath();
     const std::string name = lastComponent(folder);
+    // Movies on their way to the photo library, movies it could not take and the recording
+    // being written stay; everything else goes.
+    std::vector<std::string> spared;
+    {
+      std::lock_guard lock(d_->mutex);
+      spared = d_->pendingMovies;
+      spared.insert(spared.end(), d_->keptMovies.begin(), d_->keptMovies.end());
+      spared.insert(spared.end(), d_->recoveringMovies.begin(), d_->recoveringMovies.end());
+      if (d_->isRecording.load() && !d_->videoFilePath.empty())
+        spared.push_back(platform::pathFromFileURL(d_->videoFilePath).value_or(std::string()));
+    }
+    auto isSpared = [&](const std::filesystem::path& entry) {
+      std::error_code ec;
+      for (const std::string& path : spared)
+        if (std::filesystem::equivalent(entry, path, ec)) return true;
+      return false;
+    };
+    std::erase(spared, std::string());
+    // With a movie to spare the folder itself stays: a recording whose file is not created yet
+    // must find its folder whenever its first frame comes.
+    const bool keepFolder = !spared.empty();
     std::error_code ec;
     std::string removeError;
     struct stat st;
-    if (::lstat(folder.c_str(), &st) != 0)
+    if (::lstat(folder.c_str(), &st) != 0) {
       removeError = "\"" + name + "\" couldn't be removed because it doesn't exist.";
-    else if (std::filesystem::remove_all(folder, ec) == static_cast<std::uintmax_t>(-1) || ec)
-      removeError = "\"" + name + "\" couldn't be removed: " + ec.message();
+    } else {
+      std::vector<std::filesystem::path> doomed;
+      for (std::filesystem::directory_iterator it(folder, ec), end; !ec && it != end;
+           it.increment(ec)) {
+        if (!isSpared(it->path())) doomed.push_back(it->path());
+      }
+      if (!keepFolder) {
+        ec.clear();
+        if (std::filesystem::remove_all(folder, ec) == static_cast<std::uintmax_t>(-1) || ec)
+          removeError = "\"" + name + "\" couldn't be removed: " + ec.message();
+      } else {
+        for (const auto& entry : doomed) {
+          std::error_code entryError;
+          std::filesystem::remove_all(entry, entryError);
+          if (entryError && removeError.empty())
+            removeError = "\"" + name + "\" couldn't be emptied: " + entryError.message();
+        }
+      }
+    }
     if (!removeError.empty())
       logf("Record Camera Data: Error removing folder at path: %s, %s", folder.c_str(),
            removeError.c_str());
-    if (::mkdir(folder.c_str(), 0777) != 0) {
+    if ((!keepFolder || removeError.find("doesn't exist") != std::string::npos) &&
+        ::mkdir(folder.c_str(), 0777) != 0) {
       const std::string reason = "\"" + name + "\" couldn't be created: " + std::strerror(errno);
       logf("Record Camera Data: Error creating folder at path: %s, %s", folder.c_str(),
            reason.c_str());
@@ -256,11 +329,79 @@ void KWQCameraRollHelper::deleteAndRecreateCameraDataFolder() {
   });
 }
 
-void KWQCameraRollHelper::videoDidFinishSaving(const std::string&,
-                                               const std::optional<std::string>&,
+void KWQCameraRollHelper::recoverLeftoverMovies() {
+  guarded(0, [&] {
+    std::lock_guard folderLock(d_->folderMutex);
+    const std::filesystem::path folder = getCameraDataFolderPath();
+    std::vector<std::string> known;
+    {
+      std::lock_guard lock(d_->mutex);
+      known = d_->pendingMovies;
+      known.insert(known.end(), d_->keptMovies.begin(), d_->keptMovies.end());
+      known.insert(known.end(), d_->recoveringMovies.begin(), d_->recoveringMovies.end());
+      known.insert(known.end(), d_->savedMovies.begin(), d_->savedMovies.end());
+    }
+    std::vector<std::filesystem::path> leftovers;
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(folder, ec), end; !ec && it != end;
+         it.increment(ec)) {
+      std::error_code typeError;
+      if (it->path().extension() != ".mov" || !it->is_regular_file(typeError)) continue;
+      if (std::find(known.begin(), known.end(), it->path().string()) == known.end())
+        leftovers.push_back(it->path());
+    }
+    for (std::filesystem::path movie : leftovers) {
+      // Renamed so that it never meets a name this process records under.
+      const std::string name = movie.filename().string();
+      if (!name.starts_with("Recovered-")) {
+        const std::filesystem::path renamed = folder / ("Recovered-" + name);
+        if (::renameat2(AT_FDCWD, movie.c_str(), AT_FDCWD, renamed.c_str(), RENAME_NOREPLACE) == 0)
+          movie = renamed;
+      }
+      const std::string path = movie.string();
+      {
+        std::lock_guard lock(d_->mutex);
+        d_->recoveringMovies.push_back(path);
+      }
+      d_->addPending(1);
+      platform::moveVideoToPhotoLibrary(
+          path, [this, path](const std::optional<std::string>& error, const std::string&) {
+            guarded(0, [&] {
+              std::lock_guard lock(d_->mutex);
+              auto& recovering = d_->recoveringMovies;
+              const auto it = std::find(recovering.begin(), recovering.end(), path);
+              if (it != recovering.end()) recovering.erase(it);
+              struct stat st;
+              if (::lstat(path.c_str(), &st) == 0)
+                (error ? d_->keptMovies : d_->savedMovies).push_back(path);
+              return 0;
+            });
+            d_->donePending();
+          });
+    }
+    return 0;
+  });
+}
+
+void KWQCameraRollHelper::videoDidFinishSaving(const std::string& videoPath,
+                                               const std::optional<std::string>& error,
                                                const std::string&) {
-  deleteAndRecreateCameraDataFolder();
-  d_->cameraDataCounter.fetch_add(1);
+  guarded(0, [&] {
+    std::lock_guard folderLock(d_->folderMutex);
+    {
+      std::lock_guard lock(d_->mutex);
+      auto& pending = d_->pendingMovies;
+      const auto it = std::find(pending.begin(), pending.end(), videoPath);
+      if (it != pending.end()) pending.erase(it);
+      // A movie the photo library could not take stays where it is.
+      struct stat st;
+      if (!videoPath.empty() && ::lstat(videoPath.c_str(), &st) == 0)
+        (error ? d_->keptMovies : d_->savedMovies).push_back(videoPath);
+    }
+    deleteAndRecreateCameraDataFolder();
+    d_->cameraDataCounter.fetch_add(1);
+    return 0;
+  });
 }
 
 void KWQCameraRollHelper::imageDidFinishSaving(const Image&, const std::optional<std::string>&,

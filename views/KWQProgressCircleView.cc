@@ -144,14 +144,18 @@ void KWQProgressCircleView::setCenterSize(double size) {
 
 void KWQProgressCircleView::startAnimating() {
   setHidden(false);
-  while (animating_) {
-    stopAnimationCalled_ = true;
-    std::this_thread::yield();
-  }
+  std::lock_guard lock(animatingLock_);
   stopAnimationCalled_ = false;
   continousAnimation_ = true;
   value_ = maximumValue_.load();
-  doAnmiation();
+  // The loop in hand (running, or queued behind busy threads) becomes the sweep: waiting here
+  // for it to end would hold the main thread on a thread this view does not control.
+  if (animating_) {
+    restartRequested_ = true;
+    return;
+  }
+  animating_ = true;
+  submitLoop();
 }
 
 void KWQProgressCircleView::stopAnimating() {
@@ -162,27 +166,37 @@ void KWQProgressCircleView::stopAnimating() {
 }
 
 void KWQProgressCircleView::doAnmiation() {
-  {
-    std::lock_guard lock(animatingLock_);
-    if (animating_) return;
-    animating_ = true;
-  }
+  std::lock_guard lock(animatingLock_);
+  if (animating_) return;
+  animating_ = true;
+  submitLoop();
+}
+
+void KWQProgressCircleView::submitLoop() {
   auto self = std::static_pointer_cast<KWQProgressCircleView>(shared_from_this());
   DispatchQueue::global().async([self] { self->animationLoop(); });
 }
 
 void KWQProgressCircleView::animationLoop() {
-  while (!stopAnimationCalled_) {
-    const auto step = views::progressCircleStep(value_, counterValue_, maximumValue_,
-                                                continousAnimation_, invert_);
-    if (step.finished) break;
-    counterValue_ = step.counterValue;
-    invert_ = step.invert;
-    setNeedsDisplay();
-    std::this_thread::sleep_for(std::chrono::microseconds(2000));
+  for (;;) {
+    while (!stopAnimationCalled_) {
+      const auto step = views::progressCircleStep(value_, counterValue_, maximumValue_,
+                                                  continousAnimation_, invert_);
+      if (step.finished) break;
+      counterValue_ = step.counterValue;
+      invert_ = step.invert;
+      setNeedsDisplay();
+      std::this_thread::sleep_for(std::chrono::microseconds(2000));
+    }
+    std::lock_guard lock(animatingLock_);
+    // A sweep started while this loop was ending carries on here.
+    const bool restart = restartRequested_ && !stopAnimationCalled_ && continousAnimation_;
+    restartRequested_ = false;
+    if (restart) continue;
+    animating_ = false;
+    stopAnimationCalled_ = false;
+    return;
   }
-  animating_ = false;
-  stopAnimationCalled_ = false;
 }
 
 double KWQProgressCircleView::convertToAngle(double value) const {

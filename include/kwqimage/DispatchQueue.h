@@ -21,7 +21,10 @@ namespace kwq {
 ///   pump that context; otherwise main-queue work (layer updates, metadata callbacks) waits.
 /// - serial queues: one thread each; blocks run one at a time, in the order submitted. A queue
 ///   runs every block submitted before its last handle went away, then its thread ends.
-/// - global(): a small pool of threads; blocks may run at the same time.
+/// - global(): a pool of threads; blocks may run at the same time. It keeps one thread a core
+///   (2 to 8) for blocks that compute and adds threads while its blocks sleep or wait, so a
+///   block that waits (for a frame, a timer, another queue) never holds back the blocks queued
+///   behind it. Added threads end after a few idle seconds.
 ///
 /// A block that throws is caught and logged; the exception never ends a queue. Every method may
 /// be called from any thread.
@@ -31,7 +34,7 @@ class KWQ_EXPORT DispatchQueue {
 
   /// The main queue (GLib's default main context).
   static DispatchQueue& main();
-  /// The global concurrent pool; never ends.
+  /// The global concurrent pool; never ends. Long-running and waiting blocks are welcome.
   static DispatchQueue& global();
   /// A new serial queue with its own thread, named `label` (shown to debuggers, cut to 15
   /// characters there).

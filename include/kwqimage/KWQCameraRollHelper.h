@@ -33,15 +33,21 @@ enum class MovieCodec { Raw, H264Lossless };
 /// as 8-bit 4:2:2, BGRA as RGB without alpha, never a lossy codec), time stamps from the frames,
 /// the movie starting at the first recorded frame. A process killed while recording leaves a movie
 /// that plays up to within a second of the kill. The photo library is the pictures folder (XDG, or
-/// the override below); saving copies into it and never replaces a file there (see
-/// photoLibraryDirectory()).
+/// the override below); it never has a file replaced (see photoLibraryDirectory()). A finished
+/// movie is moved there: renamed when the pictures folder is on the same file system (no space
+/// needed, so a movie recorded onto a full disk is kept up to where the disk filled), copied
+/// and then removed otherwise. A movie the photo library could not take stays in the folder
+/// for the rest of the process.
 ///
 /// States: idle → recording (startSavingCameraData) → writing (first appended frame) →
 /// finishing (stopSavingCameraData) → idle once the movie is finished and handed to the photo
 /// library; when the photo library has saved it, the folder is emptied and the counter
-/// advanced. A stop before the first frame leaves the recorder recording (isRecording() stays
-/// true and later starts return false) until a stop finds a writing movie or the host calls
-/// setIsRecording(false); this is the recorder's defined behaviour, kept on purpose.
+/// advanced. A new recording may start as soon as the state is idle, before that save has
+/// completed: the movies on their way are spared by the emptying and counted by the next
+/// file's number, so back-to-back recordings each leave their own movie. A stop before the first
+/// frame leaves the recorder recording (isRecording() stays true and later starts return false)
+/// until a stop finds a writing movie or the host calls setIsRecording(false); this is the
+/// recorder's defined behaviour, kept on purpose.
 ///
 /// Threads: start and stop come from the host's thread, appends from the capture engine's
 /// frame queue; the finish runs on the movie writer's thread and the save completions on the
@@ -58,6 +64,8 @@ class KWQ_EXPORT KWQCameraRollHelper {
 
   /// Starts a recording into getCameraDataFilePath(): empties the folder, creates the movie
   /// writer (writing begins with the first frame). False, changing nothing, while recording.
+  /// Movies a killed process left in the folder are not emptied away but saved to the photo
+  /// library as "Recovered-<name>".
   bool startSavingCameraData();
 
   /// Appends one frame; true when the writer took it. False when not recording, the sample is
@@ -87,16 +95,20 @@ class KWQ_EXPORT KWQCameraRollHelper {
   /// documents folder always resolves, and the first lookup creates it (owner-only) on an
   /// account that has none, so the recorder's folder can be created inside.
   std::string getCameraDataFolderPath();
-  /// The file URL of "<folder>/FrontCardData<counter>.mov"; empty when the folder is unknown.
+  /// The file URL of "<folder>/FrontCardData<n>.mov", n being the counter plus the finished movies
+  /// still on their way to the photo library; empty when the folder is unknown.
   std::string getCameraDataFilePath();
-  /// Removes the folder with its content and creates it again (its parent must exist). Each
+  /// Removes the folder with its content and creates it again (its parent must exist). Movies on
+  /// their way to the photo library, movies it could not take and the movie being recorded are
+  /// spared: with any of them there, only the rest of the folder's content goes. Each
   /// failure is logged: "Record Camera Data: Error removing folder at path: <path>, <reason>"
   /// (also when it did not exist) and "Record Camera Data: Error creating folder at path:
   /// <path>, <reason>".
   void deleteAndRecreateCameraDataFolder();
 
   /// Completion of a movie's save to the photo library, whatever the error: empties the folder
-  /// and advances the counter. Called on the photo library's thread; `error` is the photo
+  /// and advances the counter. A movie the photo library could not take is kept, not emptied
+  /// away. Called on the photo library's thread; `error` is the photo
   /// library's (not examined); `contextInfo` is empty (none).
   void videoDidFinishSaving(const std::string& videoPath, const std::optional<std::string>& error,
                             const std::string& contextInfo);
@@ -138,6 +150,10 @@ class KWQ_EXPORT KWQCameraRollHelper {
 
  private:
   KWQCameraRollHelper();
+  // Hands movies another process left in the folder (killed while recording or saving) to the
+  // photo library as "Recovered-<name>", so that a start saves them rather than empties them
+  // away.
+  void recoverLeftoverMovies();
   ~KWQCameraRollHelper();
   std::unique_ptr<Impl> d_;
 };

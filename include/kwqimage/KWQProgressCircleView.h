@@ -94,8 +94,9 @@ class KWQ_EXPORT KWQProgressCircleView : public View {
   /// 0 but, the inner radius being at least 0, end up stored as given).
   void setCenterSize(double size);
 
-  /// Shows the view, waits (spinning) for a running loop to end, then sweeps continuously.
-  /// Main thread.
+  /// Shows the view and sweeps continuously from where the counter stands. A loop that is
+  /// still running (or still waiting for a thread) carries on as the sweep rather than being
+  /// waited for, so this never blocks. Main thread.
   void startAnimating();
   /// Freezes the segment where it is: the loop ends within one step; value() takes
   /// counterValue(). Hides the view when hideWhenAnimationStops() is set.
@@ -116,6 +117,8 @@ class KWQ_EXPORT KWQProgressCircleView : public View {
 
  private:
   void animationLoop();
+  // Queues the loop; animatingLock_ held, animating_ just set.
+  void submitLoop();
 
   uint8_t hideWhenAnimationStops_ = 0;
   std::atomic<bool> continousAnimation_{false};
@@ -133,6 +136,7 @@ class KWQ_EXPORT KWQProgressCircleView : public View {
   double centerSize_ = 0.0;
   std::atomic<double> counterValue_{0.0};
   std::mutex animatingLock_;
+  bool restartRequested_ = false;  // startAnimating() met a running loop; animatingLock_
 };
 
 }  // namespace kwq

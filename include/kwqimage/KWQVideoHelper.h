@@ -69,7 +69,8 @@ class KWQ_EXPORT KWQVideoHelper : public CaptureVideoDataOutputSampleBufferDeleg
   /// Takes one still: the still output's next frame in BGRA, converted on
   /// "VideoDataOutputQueue" with the camera's position (front stills mirrored) and handed to
   /// the delegate's getNewStillImage() there when it implements KWQStillImageDelegate. Errors
-  /// (not running, no frame) are silent. Thread: main.
+  /// (not running, no frame) are silent. A still on its way keeps the engine (and its session)
+  /// alive until it is delivered, even when the host has let the engine go. Thread: main.
   void takeStillPicture();
   /// Swaps the session's camera: from the front camera to the back one, from any other to the
   /// front one (the last camera of each position in the device list), in one configuration

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
+#include <ctime>
 #include <deque>
 #include <exception>
 #include <thread>
@@ -198,23 +200,125 @@ struct SerialQueue final : DispatchQueue::Impl {
   std::thread thread;
 };
 
+// The global pool: as many threads as cores (2 to 8) for blocks that compute, and more while
+// those threads sit in blocks that sleep or wait (an animation loop, a wait for a camera frame),
+// so that a waiting block never holds back the blocks queued behind it. A watchdog looks at the
+// pool whenever blocks are queued and no thread is free: a busy thread that used less than a
+// quarter of the last interval's time on a core counts as waiting, and one thread is added for
+// each queued block the computing threads leave uncovered. Threads beyond the base number end
+// after a few idle seconds.
 struct GlobalQueue final : DispatchQueue::Impl {
-  GlobalQueue() : Impl("kwq.global"), state(std::make_shared<WorkerState>()) {
-    const unsigned n = std::clamp(std::thread::hardware_concurrency(), 2u, 8u);
-    for (unsigned i = 0; i < n; ++i) {
-      std::thread t(workerLoop, state, this, label);
-      pthread_setname_np(t.native_handle(), "kwq-global");
-      t.detach();  // the pool lives as long as the process
-    }
+  static constexpr auto kWatchInterval = std::chrono::milliseconds(20);
+  static constexpr auto kSpareIdle = std::chrono::seconds(5);
+  static constexpr unsigned kMaxThreads = 128;
+
+  struct Worker {
+    clockid_t clock{};
+    bool haveClock = false;
+    bool busy = false;
+    int64_t cpuMark = 0;  // CPU time at the start of the watchdog's interval
+  };
+
+  GlobalQueue() : Impl("kwq.global") {
+    base = std::clamp(std::thread::hardware_concurrency(), 2u, 8u);
+    std::lock_guard lock(mutex);
+    for (unsigned i = 0; i < base; ++i) spawnLocked();
+    std::thread watch([this] { watchdog(); });
+    pthread_setname_np(watch.native_handle(), "kwq-global-wd");
+    watch.detach();  // the pool lives as long as the process
   }
 
   void async(DispatchQueue::Block block) override {
-    std::lock_guard lock(state->mutex);
-    state->items.push_back(std::move(block));
-    state->cv.notify_one();
+    std::lock_guard lock(mutex);
+    items.push_back(std::move(block));
+    if (idle > 0)
+      work.notify_one();
+    else
+      watch.notify_one();
   }
 
-  std::shared_ptr<WorkerState> state;
+  static int64_t cpuNs(const Worker& w) {
+    timespec ts{};
+    if (!w.haveClock || clock_gettime(w.clock, &ts) != 0) return 0;
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+  }
+
+  // Mutex held.
+  void spawnLocked() {
+    auto worker = std::make_shared<Worker>();
+    workers.push_back(worker);
+    ++threads;
+    try {
+      std::thread t([this, worker] { run(worker); });
+      pthread_setname_np(t.native_handle(), "kwq-global");
+      t.detach();
+    } catch (...) {
+      // No thread to be had: the blocks wait for the threads there are.
+      workers.pop_back();
+      --threads;
+    }
+  }
+
+  void run(const std::shared_ptr<Worker>& self) {
+    tlsCurrentQueue = this;
+    std::unique_lock lock(mutex);
+    self->haveClock = pthread_getcpuclockid(pthread_self(), &self->clock) == 0;
+    for (;;) {
+      ++idle;
+      const bool spare = threads > base;
+      bool woke = true;
+      if (spare)
+        woke = work.wait_for(lock, kSpareIdle, [&] { return !items.empty(); });
+      else
+        work.wait(lock, [&] { return !items.empty(); });
+      --idle;
+      if (!woke) break;  // a spare thread with nothing to do for a while
+      DispatchQueue::Block block = std::move(items.front());
+      items.pop_front();
+      self->busy = true;
+      if (!items.empty() && idle == 0) watch.notify_one();  // more waiting, no thread free
+      lock.unlock();
+      runGuarded(block, label);
+      block = nullptr;  // captures released before the thread counts as free
+      lock.lock();
+      self->busy = false;
+    }
+    workers.erase(std::find(workers.begin(), workers.end(), self));
+    --threads;
+    tlsCurrentQueue = nullptr;
+  }
+
+  void watchdog() {
+    std::unique_lock lock(mutex);
+    for (;;) {
+      watch.wait(lock, [&] { return !items.empty() && idle == 0; });
+      for (auto& w : workers) w->cpuMark = cpuNs(*w);
+      const auto start = std::chrono::steady_clock::now();
+      const auto deadline = start + kWatchInterval;
+      // Blocks queued meanwhile notify this condition too: the interval is waited out whole.
+      while (std::chrono::steady_clock::now() < deadline) watch.wait_until(lock, deadline);
+      if (items.empty() || idle > 0) continue;
+      const int64_t elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                  std::chrono::steady_clock::now() - start)
+                                  .count();
+      unsigned computing = 0;
+      for (auto& w : workers)
+        if (w->busy && cpuNs(*w) - w->cpuMark >= elapsed / 4) ++computing;
+      const size_t uncovered = computing >= base ? 0 : base - computing;
+      size_t add = std::min(items.size(), uncovered);
+      add = std::min<size_t>(add, threads >= kMaxThreads ? 0 : kMaxThreads - threads);
+      for (size_t i = 0; i < add; ++i) spawnLocked();
+    }
+  }
+
+  unsigned base = 2;
+  std::mutex mutex;
+  std::condition_variable work;   // a block was queued for an idle thread
+  std::condition_variable watch;  // a block was queued and no thread was idle
+  std::deque<DispatchQueue::Block> items;
+  std::vector<std::shared_ptr<Worker>> workers;
+  unsigned threads = 0;
+  unsigned idle = 0;
 };
 
 }  // namespace

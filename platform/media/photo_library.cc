@@ -65,6 +65,21 @@ std::string systemError(const std::string& what, int err) {
   return what + ": " + std::strerror(err);
 }
 
+// A file system that cannot sync at all (some network and FUSE file systems answer EINVAL or
+// ENOTSUP) still holds what was written; only a failing sync (EIO, ENOSPC) loses data.
+bool syncFile(int fd) {
+  if (::fsync(fd) == 0) return true;
+  return errno == EINVAL || errno == ENOTSUP || errno == EOPNOTSUPP || errno == EROFS;
+}
+
+// Makes a new name durable; a failure here loses nothing written.
+void syncFolder(const std::string& folder) {
+  const int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dir < 0) return;
+  ::fsync(dir);
+  ::close(dir);
+}
+
 // Closes a descriptor and removes the temporary file unless it was given its name.
 struct TempFile {
   std::string path;
@@ -158,19 +173,49 @@ std::string saveNewFile(const std::string& stem, const std::string& ext,
     return {};
   }
   if (!fill(temp.fd, error)) return {};
-  if (::fchmod(temp.fd, 0644) != 0 || ::fsync(temp.fd) != 0) {
+  if (::fchmod(temp.fd, 0644) != 0 || !syncFile(temp.fd)) {
     *error = systemError("The file could not be written", errno);
     return {};
   }
   const std::string path = placeWithoutReplacing(temp, folder, stem, ext, error);
-  if (!path.empty()) {
-    const int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir >= 0) {
-      ::fsync(dir);  // makes the new name durable; a failure here loses nothing written
-      ::close(dir);
-    }
-  }
+  if (!path.empty()) syncFolder(folder);
   return path;
+}
+
+struct MovieName {
+  std::string name, stem, ext;
+};
+
+MovieName movieName(const std::string& videoPath) {
+  MovieName m;
+  const size_t slash = videoPath.rfind('/');
+  m.name = slash == std::string::npos ? videoPath : videoPath.substr(slash + 1);
+  const size_t dot = m.name.rfind('.');
+  const bool hasExt = dot != std::string::npos && dot > 0;
+  m.stem = hasExt ? m.name.substr(0, dot) : m.name;
+  m.ext = hasExt ? m.name.substr(dot) : std::string();
+  return m;
+}
+
+// Renames `source` to the first free name in `folder` without replacing a file: the new
+// path, or empty when the rename cannot be done there (another file system, a refusal).
+std::string renameWithoutReplacing(const std::string& source, const std::string& folder,
+                                   const MovieName& m) {
+  for (int n = 0; n < 100000; ++n) {
+    const std::string target =
+        folder + "/" + (n == 0 ? m.stem + m.ext : m.stem + " (" + std::to_string(n) + ")" + m.ext);
+    if (::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0)
+      return target;
+    if (errno == EEXIST) continue;
+    if (errno != EINVAL && errno != ENOSYS) return {};
+    // A file system without exclusive renames: a hard link fails just as well on a taken name.
+    if (::link(source.c_str(), target.c_str()) == 0) {
+      ::unlink(source.c_str());
+      return target;
+    }
+    if (errno != EEXIST) return {};
+  }
+  return {};
 }
 
 void report(const PhotoLibraryCompletion& completion, const std::string& path,
@@ -182,35 +227,57 @@ void report(const PhotoLibraryCompletion& completion, const std::string& path,
     completion(std::nullopt, path);
 }
 
+// Copies the movie at `videoPath` into the pictures folder: the new path, or empty with
+// `error` set.
+std::string copyMovie(const std::string& videoPath, std::string* error) {
+  const MovieName m = movieName(videoPath);
+  const int in = ::open(videoPath.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st;
+  std::string path;
+  if (in < 0) {
+    *error = systemError("The movie \"" + videoPath + "\" could not be opened", errno);
+  } else if (::fstat(in, &st) != 0 || !S_ISREG(st.st_mode) || m.name.empty()) {
+    *error = "\"" + videoPath + "\" is not a movie file.";
+  } else {
+    path = saveNewFile(
+        m.stem, m.ext,
+        [in, &videoPath](int fd, std::string* err) {
+          if (copyAll(in, fd)) return true;
+          *err = systemError("The movie \"" + videoPath + "\" could not be copied", errno);
+          return false;
+        },
+        error);
+  }
+  if (in >= 0) ::close(in);
+  return path;
+}
+
 }  // namespace
 
 void saveVideoToPhotoLibrary(const std::string& videoPath, PhotoLibraryCompletion completion) {
   SaveQueue::shared().post([videoPath, completion = std::move(completion)] {
     std::string error;
-    const size_t slash = videoPath.rfind('/');
-    const std::string name = slash == std::string::npos ? videoPath : videoPath.substr(slash + 1);
-    const size_t dot = name.rfind('.');
-    const bool hasExt = dot != std::string::npos && dot > 0;
-    const std::string stem = hasExt ? name.substr(0, dot) : name;
-    const std::string ext = hasExt ? name.substr(dot) : std::string();
-    const int in = ::open(videoPath.c_str(), O_RDONLY | O_CLOEXEC);
+    const std::string path = copyMovie(videoPath, &error);
+    report(completion, path, error);
+  });
+}
+
+void moveVideoToPhotoLibrary(const std::string& videoPath, PhotoLibraryCompletion completion) {
+  SaveQueue::shared().post([videoPath, completion = std::move(completion)] {
+    std::string error, path;
+    const MovieName m = movieName(videoPath);
     struct stat st;
-    std::string path;
-    if (in < 0) {
-      error = systemError("The movie \"" + videoPath + "\" could not be opened", errno);
-    } else if (::fstat(in, &st) != 0 || !S_ISREG(st.st_mode) || name.empty()) {
-      error = "\"" + videoPath + "\" is not a movie file.";
-    } else {
-      path = saveNewFile(
-          stem, ext,
-          [in, &videoPath](int fd, std::string* err) {
-            if (copyAll(in, fd)) return true;
-            *err = systemError("The movie \"" + videoPath + "\" could not be copied", errno);
-            return false;
-          },
-          &error);
+    std::string problem;
+    const std::string folder = userFolder(UserFolder::Pictures, &problem);
+    if (::lstat(videoPath.c_str(), &st) == 0 && S_ISREG(st.st_mode) && !m.name.empty() &&
+        problem.empty()) {
+      path = renameWithoutReplacing(videoPath, folder, m);
+      if (!path.empty()) syncFolder(folder);
     }
-    if (in >= 0) ::close(in);
+    if (path.empty()) {
+      path = copyMovie(videoPath, &error);
+      if (!path.empty()) ::unlink(videoPath.c_str());  // a leftover source costs only space
+    }
     report(completion, path, error);
   });
 }

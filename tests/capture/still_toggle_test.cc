@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <mutex>
 #include <numbers>
 
 #include <gtest/gtest.h>
@@ -18,6 +19,7 @@ namespace kwq {
 namespace {
 
 using test::pumpMainContextUntil;
+using namespace std::chrono_literals;
 
 std::shared_ptr<CaptureDevice> camera(int64_t position, bool showCard = true) {
   SyntheticCameraOptions options;
@@ -35,9 +37,18 @@ struct StillCatcher : KWQFrameDelegate, KWQStillImageDelegate {
   }
   void getNewStillImage(const Image& image) override {
     onFrameQueue = frameQueue && frameQueue->isCurrent();
-    still = image;
+    {
+      std::lock_guard lock(mutex);
+      still = image;
+    }
     arrived = true;
   }
+  // For tests where a late still may still come while they look.
+  Image latestStill() {
+    std::lock_guard lock(mutex);
+    return still;
+  }
+  std::mutex mutex;
   std::atomic<int> frames{0};
   std::atomic<bool> arrived{false};
   std::atomic<bool> onFrameQueue{false};
@@ -144,6 +155,46 @@ TEST_F(StillToggleTest, DelegateWithoutTheStillCallbackGetsNothing) {
   engine->takeStillPicture();
   EXPECT_FALSE(pumpMainContextUntil([&] { return catcher->arrived.load(); },
                                     std::chrono::milliseconds(500)));
+}
+
+TEST_F(StillToggleTest, AStillInFlightArrivesAfterTheHostReleasesTheEngine) {
+  CaptureDevice::setDevices({camera(AVCaptureDevicePositionBack)});
+  start(AVCaptureDevicePositionBack);
+  auto catcher = std::make_shared<StillCatcher>();
+  engine->setDelegate(catcher);
+  engine->startVideoCapture();
+  ASSERT_TRUE(pumpMainContextUntil([&] { return catcher->frames > 5; }));
+  std::weak_ptr<KWQVideoHelper> weak = engine;
+  engine->takeStillPicture();
+  engine.reset();  // the host lets go while the still is on its way
+  EXPECT_TRUE(pumpMainContextUntil([&] { return catcher->arrived.load(); }, 30s));
+  EXPECT_FALSE(catcher->latestStill().isNull());
+  // Once the photo is delivered the engine goes.
+  EXPECT_TRUE(pumpMainContextUntil([&] { return weak.expired(); }, 30s));
+}
+
+TEST_F(StillToggleTest, AStillRequestedAsTheSessionStopsNeitherHangsNorSpoilsTheNext) {
+  CaptureDevice::setDevices({camera(AVCaptureDevicePositionBack)});
+  start(AVCaptureDevicePositionBack);
+  auto catcher = std::make_shared<StillCatcher>();
+  engine->setDelegate(catcher);
+  for (int round = 0; round < 3; ++round) {
+    engine->startVideoCapture();
+    ASSERT_TRUE(pumpMainContextUntil([&] { return catcher->frames > 3; }));
+    engine->takeStillPicture();
+    engine->stopVideoCapture();  // a still racing the stop arrives whole or not at all
+    test::drainMainContext();
+    if (catcher->arrived) EXPECT_FALSE(catcher->latestStill().isNull());
+    catcher->arrived = false;
+    catcher->frames = 0;
+  }
+  // The still asked for as the session stopped has had its chance; a new one arrives.
+  engine->startVideoCapture();
+  ASSERT_TRUE(pumpMainContextUntil([&] { return catcher->frames > 3; }));
+  catcher->arrived = false;
+  engine->takeStillPicture();
+  EXPECT_TRUE(pumpMainContextUntil([&] { return catcher->arrived.load(); }, 30s));
+  EXPECT_FALSE(catcher->latestStill().isNull());
 }
 
 TEST_F(StillToggleTest, ToggleSwapsFrontAndBackWithOrWithoutTheFlip) {

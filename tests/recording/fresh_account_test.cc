@@ -4,9 +4,12 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -136,6 +139,40 @@ TEST_F(FreshAccount, RecordingMakesTheFoldersLosslessH264IsSmallerOtherCodecsAre
     const ToolRun run = kwqIn(home_, std::string("capture --frames 1 --record --codec ") + codec);
     EXPECT_EQ(run.code, 2) << codec << ": " << run.err;
   }
+}
+
+// A home on a full file system (8 MB, as a kiosk's small data partition might be): the movie up
+// to where the disk filled is kept, the failure that repeats for every later frame is printed
+// once with its count, and the tool says where the movie is.
+TEST_F(FreshAccount, AFullHomeKeepsTheMovieAndPrintsTheRepeatedErrorOnce) {
+  if (::mount("tmpfs", home_.c_str(), "tmpfs", 0, "size=8m,mode=0755") != 0)
+    GTEST_SKIP() << "needs root to mount a tmpfs (CI runs as root): " << std::strerror(errno);
+  struct Unmount {
+    fs::path at;
+    ~Unmount() { ::umount2(at.c_str(), MNT_DETACH); }
+  } unmount{home_};
+  const ToolRun run = kwqIn(home_, "capture --seconds 4 --record");
+  const auto count = [&](const std::string& text) {  // lines that begin with `text`
+    size_t n = run.err.starts_with(text);
+    for (size_t at = run.err.find("\n" + text); at != std::string::npos;
+         at = run.err.find("\n" + text, at + 1))
+      ++n;
+    return n;
+  };
+  std::printf("| kwq capture --record --seconds 4, HOME on an 8 MB tmpfs | %s |\n%s",
+              run.row("movie").c_str(), run.err.c_str());
+  EXPECT_EQ(count("Record Camera Data: An error has occured recording the camera."), 1u) << run.err;
+  EXPECT_EQ(count("kwq: "), 1u) << run.err;  // "kwq: <n> times in all: <that line>"
+  EXPECT_NE(run.err.find(" times in all: Record Camera Data: An error has occured"),
+            std::string::npos)
+      << run.err;
+  const fs::path movie = run.row("movie");
+  ASSERT_FALSE(movie.empty()) << run.out << run.err;
+  EXPECT_EQ(movie.parent_path(), home_ / "Pictures");
+  const auto read = test::readMovie(movie.string());
+  EXPECT_TRUE(read.opened) << read.error;
+  // 1280x720 frames, 1.8 MB each as stored: the few that fit before the disk filled.
+  EXPECT_GE(read.frames, 1u);
 }
 
 }  // namespace

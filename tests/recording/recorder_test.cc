@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -15,6 +16,7 @@
 #include "kwqimage/KWQCameraRollHelper.h"
 #include "kwqimage/KWQImageDictionary.h"
 #include "platform/foundation/file_url.h"
+#include "platform/media/photo_library.h"
 #include "recording/recording_support.h"
 #include "support/test_support.h"
 
@@ -175,6 +177,72 @@ TEST_F(Recorder, SecondRecordingWritesTheNextNumberIntoAFreshlyEmptiedFolder) {
   for (const char* name : {"FrontCardData0.mov", "FrontCardData1.mov"})
     EXPECT_EQ(test::readMovie(pictures() / name).frames, 3u) << name;
   EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST_F(Recorder, ARestartBeforeThePhotoLibrarysSaveLosesNoMovie) {
+  // Holds the photo library's thread: saves queued behind this one wait until it is released.
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool released = false;
+  platform::saveVideoToPhotoLibrary("/nonexistent/kwq-hold.mov",
+                                    [&](const std::optional<std::string>&, const std::string&) {
+                                      std::unique_lock lock(mutex);
+                                      cv.wait(lock, [&] { return released; });
+                                    });
+  auto release = [&] {
+    {
+      std::lock_guard lock(mutex);
+      released = true;
+    }
+    cv.notify_all();
+  };
+  struct Release {
+    std::function<void()> f;
+    ~Release() { f(); }
+  } releaseOnExit{release};
+
+  ASSERT_TRUE(rec.startSavingCameraData());
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(rec.appendCameraData(frame(kPixelFormat420f, 64, 48, i)));
+  ASSERT_TRUE(rec.stopSavingCameraData());
+  // The movie is finished before the photo library has it: recording is over already.
+  ASSERT_TRUE(test::waitUntil([&] { return !rec.isRecording(); }));
+  EXPECT_TRUE(fs::is_empty(pictures()));
+  EXPECT_EQ(rec.cameraDataCounter(), 0u);
+  ASSERT_TRUE(rec.startSavingCameraData());
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(rec.appendCameraData(frame(kPixelFormat420f, 64, 48, i)));
+  ASSERT_TRUE(rec.stopSavingCameraData());
+  release();
+  ASSERT_TRUE(rec.waitForPendingSaves(60s));
+  EXPECT_EQ(rec.cameraDataCounter(), 2u);
+  ASSERT_EQ(names(pictures()),
+            (std::vector<std::string>{"FrontCardData0.mov", "FrontCardData1.mov"}));
+  EXPECT_EQ(test::readMovie(pictures() / "FrontCardData0.mov").frames, 3u);
+  EXPECT_EQ(test::readMovie(pictures() / "FrontCardData1.mov").frames, 5u);
+  EXPECT_TRUE(fs::is_empty(folder()));
+}
+
+TEST_F(Recorder, FiftyBackToBackRecordingsLeaveFiftyPlayableMovies) {
+  constexpr int kCycles = 50, kFrames = 4;
+  int appended = 0;
+  for (int c = 0; c < kCycles; ++c) {
+    // Started again as soon as the recorder takes it.
+    ASSERT_TRUE(test::waitUntil([&] { return rec.startSavingCameraData(); })) << c;
+    for (int i = 0; i < kFrames; ++i)
+      appended += rec.appendCameraData(frame(kPixelFormat420f, 64, 48, i));
+    ASSERT_TRUE(rec.stopSavingCameraData());
+  }
+  EXPECT_EQ(appended, kCycles * kFrames);
+  ASSERT_TRUE(rec.waitForPendingSaves(120s));
+  const auto saved = names(pictures());
+  EXPECT_EQ(saved.size(), size_t{kCycles});
+  int playable = 0;
+  for (const auto& name : saved) {
+    const auto movie = test::readMovie(pictures() / name);
+    playable += movie.opened && movie.frames == size_t{kFrames};
+  }
+  EXPECT_EQ(playable, kCycles);
+  EXPECT_EQ(rec.cameraDataCounter(), uint32_t{kCycles});
+  EXPECT_TRUE(fs::is_empty(folder()));
 }
 
 TEST_F(Recorder, StartsOnceRefusesUnreadyFramesAndStaysRecordingAfterAStopBeforeTheFirstFrame) {

@@ -1,13 +1,18 @@
 #include "kwqimage/KWQProgressCircleView.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <functional>
+#include <future>
 #include <numbers>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "../platform/ui/render_test_support.h"
+#include "kwqimage/DispatchQueue.h"
 #include "kwqimage/Render.h"
 #include "support/main_loop.h"
 #include "views/progress_circle_step.h"
@@ -21,6 +26,8 @@ using test::pixelAt;
 
 constexpr Pixel kTrack{255, 0, 0, 255}, kBorder{0, 0, 255, 255}, kTint{255, 255, 255, 255},
     kClear{0, 0, 0, 0};
+using namespace std::chrono_literals;
+
 constexpr double kStep = 100.0 / 360.0;
 
 TEST(ProgressCircleStepTest, MovesOneStepAndSnapsWithinAStep) {
@@ -304,6 +311,42 @@ TEST(ProgressCircleAnimationTest, ContinuousSweepAlternatesUntilStopped) {
   EXPECT_TRUE(view->animating());
   view->stopAnimating();
   ASSERT_TRUE(test::pumpMainContextUntil([&] { return !view->animating(); }));
+}
+
+TEST(ProgressCircleAnimationTest, SweepingCirclesLeaveTheGlobalPoolFreeAndRestartWithoutWaiting) {
+  // More sweeping circles than the global pool has threads on any machine.
+  std::vector<std::shared_ptr<KWQProgressCircleView>> views;
+  for (int i = 0; i < 12; ++i) views.push_back(KWQProgressCircleView::create({0, 0, 40, 40}));
+  for (auto& view : views) view->startAnimating();
+  EXPECT_TRUE(test::pumpMainContextUntil(
+      [&] {
+        return std::all_of(views.begin(), views.end(),
+                           [](const auto& v) { return v->counterValue() > 0.0; });
+      },
+      30s))
+      << "some circles never swept";
+  std::atomic<bool> ran{false};
+  DispatchQueue::global().async([&] { ran = true; });
+  EXPECT_TRUE(test::pumpMainContextUntil([&] { return ran.load(); }, 30s))
+      << "a block on the global queue waited behind the sweeping circles";
+
+  // Restarting a sweeping circle must not wait on its loop. Done on a helper thread so that a
+  // hang fails the test instead of stalling it: stopping the circles below frees the helper.
+  // The last circle first: the one whose loop was queued last.
+  auto restarted = std::async(std::launch::async, [&] {
+    for (auto it = views.rbegin(); it != views.rend(); ++it) (*it)->startAnimating();
+  });
+  EXPECT_EQ(restarted.wait_for(30s), std::future_status::ready);
+  do {
+    for (auto& view : views) view->stopAnimating();
+  } while (restarted.wait_for(10ms) != std::future_status::ready);
+  for (auto& view : views) view->stopAnimating();
+  EXPECT_TRUE(test::pumpMainContextUntil(
+      [&] {
+        return std::none_of(views.begin(), views.end(),
+                            [](const auto& v) { return v->animating(); });
+      },
+      30s));
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "kwq/capture_progress.h"
 #include "kwq/capture_results.h"
 #include "kwq/card_output.h"
+#include "kwq/repeated_lines.h"
 
 namespace kwq::tool {
 namespace {
@@ -77,6 +78,8 @@ gboolean onTick(gpointer data) {
 
 int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& err) {
   if (!checkCaptureOptions(options, err)) return 2;
+  // The library's log lines, each once (a full disk repeats one for every frame).
+  RepeatedLines logLines(err);
   const std::shared_ptr<CaptureDevice> camera = setUpCamera(options, err);
   if (!camera) return 2;
   auto engine = KWQVideoHelper::create(AVCaptureSessionPresetHigh, camera->position(),
@@ -199,6 +202,7 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
     results.addFile("camera_after_toggle", "camera after the switch", now ? now->uniqueID() : "",
                     now != nullptr);
   }
+  logLines.printCounts();
   results.print(out, options.json);
   // Clearing blocks the engine queued for the main thread.
   while (g_main_context_iteration(nullptr, FALSE)) {

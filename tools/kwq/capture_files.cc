@@ -61,11 +61,19 @@ bool RecordedMovie::addTo(CaptureResults& results, const CardOutput* card,
     for (const std::string& movie : moviesIn(folder_))
       if (!before_.count(movie)) saved = movie;
   }
-  results.addFile("movie", "movie", saved, !saved.empty());
   if (saved.empty()) {
-    err << "kwq capture: no movie was saved to " << folder_ << '\n';
+    // A movie the photo library could not take stays in the recorder's folder: say where.
+    std::string left;
+    for (const std::string& movie :
+         moviesIn(KWQCameraRollHelper::getInstance().getCameraDataFolderPath()))
+      left = movie;
+    results.addFile("movie", "movie", left, false);
+    err << "kwq capture: no movie was saved to " << folder_;
+    if (!left.empty()) err << "; the recording is at " << left;
+    err << '\n';
     return false;
   }
+  results.addFile("movie", "movie", saved, true);
   std::error_code ec;
   const auto bytes = fs::file_size(saved, ec);
   if (!ec)

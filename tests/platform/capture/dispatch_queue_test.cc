@@ -1,6 +1,8 @@
 #include "kwqimage/DispatchQueue.h"
 
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -114,20 +116,32 @@ TEST(DispatchQueueTest, MainQueueRunsOnThePumpingThreadInOrderAndLater) {
   EXPECT_TRUE(onMain.load());
 }
 
-TEST(DispatchQueueTest, GlobalPoolRunsBlocksConcurrently) {
-  // Two blocks that each wait for the other can only both finish on two threads.
-  std::atomic<int> arrived{0};
-  std::atomic<int> finished{0};
-  for (int i = 0; i < 2; ++i) {
+TEST(DispatchQueueTest, GlobalPoolServesNewBlocksWhileItsThreadsWait) {
+  // Blocks run at the same time, more of them waiting than the pool has threads a core on any
+  // machine: a block queued behind them must still run, and so must the waiters once released.
+  const int waiters = static_cast<int>(std::max(16u, 2 * std::thread::hardware_concurrency()));
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool released = false;
+  std::atomic<int> waiting{0}, done{0};
+  for (int i = 0; i < waiters; ++i) {
     DispatchQueue::global().async([&] {
-      ++arrived;
-      const auto deadline = std::chrono::steady_clock::now() + 5s;
-      while (arrived.load() < 2 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::yield();
-      if (arrived.load() == 2) ++finished;
+      std::unique_lock lock(mutex);
+      ++waiting;
+      cv.wait(lock, [&] { return released; });
+      ++done;
     });
   }
-  EXPECT_TRUE(test::pumpMainContextUntil([&] { return finished.load() == 2; }));
+  std::atomic<bool> ran{false};
+  DispatchQueue::global().async([&] { ran = true; });
+  EXPECT_TRUE(test::pumpMainContextUntil([&] { return ran.load(); }, 30s));
+  EXPECT_TRUE(test::pumpMainContextUntil([&] { return waiting.load() == waiters; }, 30s));
+  {
+    std::lock_guard lock(mutex);
+    released = true;
+  }
+  cv.notify_all();
+  ASSERT_TRUE(test::pumpMainContextUntil([&] { return done.load() == waiters; }, 60s));
 }
 
 TEST(TimerTest, RepeatsOnTheMainContextUntilInvalidated) {
