@@ -54,7 +54,9 @@ class CapturePipeline {
 /// A source bin around `producer` (filesrc, v4l2src): producer ! [capsfilter] ! decodebin, whose
 /// first raw video stream is linked to a videoconvert that the bin's "src" pad leads out of;
 /// other streams stay unlinked. `filter` (may be null) is taken. Null when elements are missing
-/// (then `producer` and `filter` are released).
+/// (then `producer` and `filter` are released). A pipeline around the bin keeps YUV sources in
+/// the range its format promises (GStreamer's converter copies YUV code values between two
+/// YUV formats of one matrix without moving them to the other range).
 GstElement* makeDecodingSourceBin(GstElement* producer, GstCaps* filter);
 
 /// The GStreamer caps string an appsink asks for to deliver `pixelFormat` at width x height;
