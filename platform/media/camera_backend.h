@@ -84,6 +84,9 @@ class CameraBackend {
   /// frame's time stamps; the null sample when the camera takes stills at its stream size.
   virtual SampleBuffer fullResolutionStill(const SampleBuffer& streamFrame) { return {}; }
 
+  /// False once the camera has gone from the machine (unplugged). Thread: any.
+  virtual bool isConnected() const { return true; }
+
   /// Set by the device before any source runs: call when a one-shot auto-focus pass is over
   /// (the device then reads locked). Called without any backend lock held.
   std::function<void()> onFocusPassFinished;

@@ -157,6 +157,7 @@ struct CapturePipeline::Core {
 
   std::mutex mutex;  // guards the fields below
   std::string firstError;
+  CapturePipeline::ErrorCallback onError;
   int64_t lastPts = -1;
   int64_t ptsOffset = 0;
 
@@ -226,12 +227,17 @@ struct CapturePipeline::Core {
       gst_message_parse_error(message, &err, &debug);
       const std::string text = err && err->message ? err->message : "unknown error";
       bool first = false;
+      CapturePipeline::ErrorCallback onError;
       {
         std::lock_guard lock(core.mutex);
         first = core.firstError.empty();
         if (first) core.firstError = text;
+        onError = core.onError;
       }
-      if (first) logf("Capture: %s: %s", core.cameraName.c_str(), text.c_str());
+      if (first && onError)
+        onError(text);
+      else if (first)
+        logf("Capture: %s: %s", core.cameraName.c_str(), text.c_str());
       if (err) g_error_free(err);
       g_free(debug);
     }
@@ -419,6 +425,11 @@ bool CapturePipeline::start(std::string* error) {
     return false;
   }
   return true;
+}
+
+void CapturePipeline::setErrorCallback(ErrorCallback onError) {
+  std::lock_guard lock(core_->mutex);
+  core_->onError = std::move(onError);
 }
 
 void CapturePipeline::stop() {

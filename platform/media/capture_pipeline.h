@@ -40,6 +40,11 @@ class CapturePipeline {
   bool start(std::string* error);
   /// Stops and waits until no streaming thread runs; no frame callback starts afterwards.
   void stop();
+  /// Receives the first error the pipeline posts (a camera unplugged or gone wrong, also one
+  /// that makes start() fail), once, on the posting thread; never block in it. Set before
+  /// start(). Without one, the error is logged as "Capture: <camera>: <message>".
+  using ErrorCallback = std::function<void(const std::string& message)>;
+  void setErrorCallback(ErrorCallback onError);
 
   struct Core;
 

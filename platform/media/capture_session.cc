@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <exception>
 
 #include "platform/foundation/log_format.h"
@@ -589,8 +590,11 @@ Size CaptureSession::Impl::videoSize() const {
 void CaptureSession::Impl::startPipeline() {
   std::shared_ptr<CaptureDevice> camera;
   uint32_t format = kPixelFormat420f;
+  uint64_t thisRun;
   {
     std::lock_guard lock(mutex);
+    thisRun = ++run;
+    runtimeError.reset();
     camera = cameraLocked();
     for (auto& output : outputs)
       if (auto* v = dynamic_cast<VideoDataOutput*>(output.get())) format = v->pixelFormatType();
@@ -616,14 +620,49 @@ void CaptureSession::Impl::startPipeline() {
         },
         &error);
   }
-  if (p && !p->start(&error)) p.reset();
+  if (p) {
+    // Errors while starting are start()'s to report; later ones are the running camera's.
+    auto started = std::make_shared<std::atomic<bool>>(false);
+    std::weak_ptr<Impl> weakSelf = weak_from_this();
+    p->setErrorCallback([weakSelf, thisRun, camera, started](const std::string& message) {
+      if (!started->load()) return;
+      if (auto self = weakSelf.lock()) self->reportRuntimeError(thisRun, camera, message, false);
+    });
+    if (p->start(&error))
+      started->store(true);
+    else
+      p.reset();
+  }
   if (!p) {
-    logf("Capture: %s: the camera could not start: %s", camera->localizedName().c_str(),
-         error.c_str());
+    reportRuntimeError(thisRun, camera, error, true);
     return;
   }
   std::lock_guard lock(mutex);
   pipeline = std::move(p);
+}
+
+void CaptureSession::Impl::reportRuntimeError(uint64_t thisRun,
+                                              const std::shared_ptr<CaptureDevice>& camera,
+                                              const std::string& message, bool atStart) {
+  CaptureRuntimeError e;
+  e.deviceUniqueID = camera->uniqueID();
+  e.deviceName = camera->localizedName();
+  e.disconnected = !camera->isConnected();
+  e.atStart = atStart;
+  e.message = message;
+  std::function<void(const CaptureRuntimeError&)> handler;
+  {
+    std::lock_guard lock(mutex);
+    if (thisRun != run || runtimeError) return;
+    runtimeError = e;
+    handler = runtimeErrorHandler;
+  }
+  if (atStart)
+    logf("Capture: %s: the camera could not start: %s", e.deviceName.c_str(), message.c_str());
+  else
+    logf("Capture: the camera %s (%s) %s: %s", e.deviceName.c_str(), e.deviceUniqueID.c_str(),
+         e.disconnected ? "was disconnected" : "failed", message.c_str());
+  if (handler) DispatchQueue::main().async([handler, e] { handler(e); });
 }
 
 void CaptureSession::Impl::stopPipeline() {
@@ -786,6 +825,17 @@ void CaptureSession::stopRunning() {
     if (!d_->running) return;
   }
   d_->stopPipeline();
+}
+
+void CaptureSession::setRuntimeErrorHandler(
+    std::function<void(const CaptureRuntimeError&)> handler) {
+  std::lock_guard lock(d_->mutex);
+  d_->runtimeErrorHandler = std::move(handler);
+}
+
+std::optional<CaptureRuntimeError> CaptureSession::runtimeError() const {
+  std::lock_guard lock(d_->mutex);
+  return d_->runtimeError;
 }
 
 bool CaptureSession::isRunning() const {

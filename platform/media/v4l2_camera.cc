@@ -130,6 +130,13 @@ class V4l2Backend final : public CameraBackend {
     map_.fireFlash(controls);
     return -1;
   }
+  // The same camera still answers at the node: a re-plugged camera may come back at another
+  // node, and another camera may take this one's.
+  bool isConnected() const override {
+    auto node = probeNode(path_);
+    return node && node->busInfo == busInfo_;
+  }
+  void setBusInfo(std::string busInfo) { busInfo_ = std::move(busInfo); }
   std::optional<int64_t> reportedPosition() const {
     std::lock_guard lock(mutex_);
     return map_.position();
@@ -138,6 +145,7 @@ class V4l2Backend final : public CameraBackend {
  private:
   const std::string path_;
   const std::vector<Size> sizes_;
+  std::string busInfo_;
   mutable std::mutex mutex_;
   V4l2ControlMap map_;
 };
@@ -196,6 +204,7 @@ std::shared_ptr<CaptureDevice> makeV4l2Camera(const std::string& path,
   if (!node) return nullptr;
   std::shared_ptr<V4l2ControlDevice> controls = openV4l2ControlDevice(path);
   auto backend = std::make_shared<V4l2Backend>(path, node->sizes, controls);
+  backend->setBusInfo(node->busInfo);
   const int64_t pos =
       position ? *position : backend->reportedPosition().value_or(AVCaptureDevicePositionFront);
   const std::string id = "v4l2:" + (node->busInfo.empty() ? path : node->busInfo + ":" + path);

@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "support/main_loop.h"
@@ -51,26 +53,27 @@ bool setControl(const std::string& path, uint32_t id, int64_t value) {
   return ok;
 }
 
-bool pressDisconnect(const std::string& path) {
-  const int fd = openNode(path);
-  if (fd < 0) return false;
+Unplug::Unplug(const std::string& path) : fd_(openNode(path)) {
+  if (fd_ < 0) return;
   // The driver's private controls are found by name, walking the list.
   v4l2_queryctrl q{};
   q.id = V4L2_CTRL_FLAG_NEXT_CTRL;
   std::optional<uint32_t> id;
-  while (ioctlRetry(fd, VIDIOC_QUERYCTRL, &q) == 0) {
+  while (ioctlRetry(fd_, VIDIOC_QUERYCTRL, &q) == 0) {
     if (std::strcmp(reinterpret_cast<const char*>(q.name), "Disconnect") == 0) id = q.id;
     q.id |= V4L2_CTRL_FLAG_NEXT_CTRL;
   }
-  bool ok = false;
   if (id) {
     v4l2_control control{};
     control.id = *id;
     control.value = 1;
-    ok = ioctlRetry(fd, VIDIOC_S_CTRL, &control) == 0;
+    pressed_ = ioctlRetry(fd_, VIDIOC_S_CTRL, &control) == 0;
   }
-  close(fd);
-  return ok;
+}
+
+void Unplug::replug() {
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
 }
 
 bool waitForNode(const std::string& path, std::chrono::milliseconds timeout) {
@@ -84,6 +87,43 @@ bool waitForNode(const std::string& path, std::chrono::milliseconds timeout) {
       if (ok) return true;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  } while (std::chrono::steady_clock::now() < end);
+  // Say what still holds the camera: this process's handles and mappings of video nodes.
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
+    const auto target = std::filesystem::read_symlink(e.path(), ec);
+    if (!ec && target.string().find("/dev/video") != std::string::npos)
+      std::printf("still open: fd %s -> %s\n", e.path().filename().c_str(), target.c_str());
+  }
+  if (FILE* maps = std::fopen("/proc/self/maps", "r")) {
+    char line[512];
+    int mapped = 0;
+    while (std::fgets(line, sizeof line, maps))
+      if (std::strstr(line, "/dev/video")) ++mapped;
+    std::fclose(maps);
+    std::printf("mappings of video nodes: %d\n", mapped);
+  }
+  return false;
+}
+
+bool waitForStreaming(const std::string& path, std::chrono::milliseconds timeout) {
+  const auto end = std::chrono::steady_clock::now() + timeout;
+  do {
+    const int fd = openNode(path);
+    if (fd >= 0) {
+      v4l2_requestbuffers req{};
+      req.count = 1;
+      req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+      req.memory = V4L2_MEMORY_MMAP;
+      const bool busy = ioctlRetry(fd, VIDIOC_REQBUFS, &req) != 0 && errno == EBUSY;
+      if (!busy) {
+        req.count = 0;
+        ioctlRetry(fd, VIDIOC_REQBUFS, &req);
+      }
+      close(fd);
+      if (busy) return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
   } while (std::chrono::steady_clock::now() < end);
   return false;
 }

@@ -28,13 +28,30 @@ bool inGuest();
 std::string nodePath(int n);
 
 /// Presses the driver's Disconnect button on `path`: the node goes away at once and comes
-/// back once every open handle on it is closed. True when the control was found and set.
-bool pressDisconnect(const std::string& path);
+/// back once every open handle on it is closed, this one's included (it is closed when the
+/// Unplug goes, or by replug()).
+class Unplug {
+ public:
+  explicit Unplug(const std::string& path);
+  ~Unplug() { replug(); }
+  Unplug(const Unplug&) = delete;
+  Unplug& operator=(const Unplug&) = delete;
+  /// The control was found and pressed.
+  bool pressed() const { return pressed_; }
+  void replug();
+
+ private:
+  int fd_ = -1;
+  bool pressed_ = false;
+};
 /// Sets a control of `path` by its V4L2 id (for instance the driver's test pattern).
 bool setControl(const std::string& path, uint32_t id, int64_t value);
 
 /// Waits (polling, at most `timeout`) until the node at `path` answers VIDIOC_QUERYCAP.
 bool waitForNode(const std::string& path, std::chrono::milliseconds timeout);
+
+/// Waits (polling) until some handle streams from `path` (VIDIOC_REQBUFS answers busy).
+bool waitForStreaming(const std::string& path, std::chrono::milliseconds timeout);
 
 /// The 75 % colour bars the driver draws by default, left to right, as R, G, B: eight bars
 /// across the width below the on-screen text at the top.

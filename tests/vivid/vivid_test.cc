@@ -5,16 +5,25 @@
 #include <gst/gst.h>
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
 
 #include "kwqimage/CaptureDevice.h"
 #include "kwqimage/CaptureSession.h"
+#include "kwqimage/KWQCameraRollHelper.h"
+#include "kwqimage/KWQVideoHelper.h"
 #include "platform/media/capture_pipeline.h"
 #include "platform/media/gst_init.h"
 #include "platform/media/v4l2_controls.h"
+#include "recording/recording_support.h"
 #include "support/main_loop.h"
 #include "support/test_support.h"
 #include "vivid/vivid_support.h"
@@ -247,6 +256,289 @@ TEST(VividControls, BrightnessAndGainAreThereAndAct) {
   controls->set(V4L2_CID_BRIGHTNESS, brightness->defaultValue);
   EXPECT_GT(after, before + 20) << "brightness did not reach the picture";
 }
+
+// --- Unplug, re-plug and cameras that cannot start --------------------------------------
+
+// The engine's host: counts frames and stills.
+class Host final : public KWQFrameDelegate, public KWQStillImageDelegate {
+ public:
+  void getLastSampleBuffer(const SampleBuffer&, Rect, double, double,
+                           const std::optional<std::string>&) override {
+    ++frames;
+  }
+  void getNewStillImage(const Image& image) override {
+    std::lock_guard lock(mutex);
+    still = image;
+    ++stills;
+  }
+  std::atomic<int> frames{0}, stills{0};
+  std::mutex mutex;
+  Image still;
+};
+
+bool waitForFrames(const std::atomic<int>& counter, int more, std::chrono::milliseconds timeout) {
+  const int target = counter.load() + more;
+  return test::pumpMainContextUntil([&] { return counter.load() >= target; }, timeout);
+}
+
+// Waits for the session's runtime error to reach the main queue's handler.
+struct ErrorWatch {
+  explicit ErrorWatch(CaptureSession& session) {
+    session.setRuntimeErrorHandler([this](const CaptureRuntimeError& e) {
+      errors.push_back(e);
+      onMainThread = g_main_context_is_owner(g_main_context_default());
+    });
+  }
+  bool wait(std::chrono::milliseconds timeout = 20s) {
+    return test::pumpMainContextUntil([&] { return !errors.empty(); }, timeout);
+  }
+  std::vector<CaptureRuntimeError> errors;
+  bool onMainThread = false;
+};
+
+int countLines(const std::vector<std::string>& lines, const std::string& needle) {
+  return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const std::string& l) {
+    return l.find(needle) != std::string::npos;
+  }));
+}
+
+// Unplugged while filming: the host hears of it once, on the main queue, with the camera's
+// id; one log line names the camera; frames stop; the process goes on.
+TEST(VividUnplug, WhileStreaming) {
+  KWQ_REQUIRE_GUEST();
+  CaptureDevice::resetDevices();
+  auto camera = CaptureDevice::defaultDeviceWithMediaType(AVMediaTypeVideo);
+  ASSERT_TRUE(camera);
+  Filming f(camera, AVCaptureSessionPreset640x480, kPixelFormat420f);
+  ErrorWatch watch(*f.session);
+  test::LogCapture log;
+  f.session->startRunning();
+  ASSERT_TRUE(f.counter->waitForMore(5, 30s));
+  {
+    vivid::Unplug unplug(vivid::nodePath(0));
+    ASSERT_TRUE(unplug.pressed());
+    ASSERT_TRUE(watch.wait()) << "the host was not told";
+    ASSERT_EQ(watch.errors.size(), 1u);
+    EXPECT_TRUE(watch.onMainThread);
+    EXPECT_TRUE(watch.errors[0].disconnected) << watch.errors[0].message;
+    EXPECT_FALSE(watch.errors[0].atStart);
+    EXPECT_EQ(watch.errors[0].deviceUniqueID, camera->uniqueID());
+    ASSERT_TRUE(f.session->runtimeError());
+    EXPECT_FALSE(camera->isConnected());
+    EXPECT_TRUE(f.session->isRunning());
+    const int atError = f.counter->frames();
+    test::pumpMainContextUntil([] { return false; }, 1500ms);
+    EXPECT_LE(f.counter->frames(), atError + 1) << "frames after the unplug";
+    const auto lines = log.lines();
+    EXPECT_EQ(countLines(lines, "Capture: "), 1);
+    EXPECT_EQ(countLines(lines, "was disconnected"), 1);
+    EXPECT_EQ(countLines(lines, camera->uniqueID()), 1);
+    f.session->stopRunning();
+  }
+  // Not yet: filming again in the same process. After the unplug a handle on the old node
+  // stays open in this process past stopRunning() (GStreamer's v4l2 buffer pool keeps its
+  // duplicate of the device's descriptor), and the driver brings the camera back only when
+  // every handle is closed; it comes back when the process ends.
+  EXPECT_EQ(watch.errors.size(), 1u);
+}
+
+// Unplugged while the engine records: stopping finishes a movie that plays, with the frames
+// filmed before the unplug.
+TEST(VividUnplug, WhileRecordingTheMoviePlays) {
+  KWQ_REQUIRE_GUEST();
+  CaptureDevice::resetDevices();
+  test::TempDir library("vivid-library");
+  KWQCameraRollHelper::setPhotoLibraryDirectory(library.path.string());
+  auto engine = KWQVideoHelper::create(AVCaptureSessionPreset640x480, AVCaptureDevicePositionFront,
+                                       AVLayerVideoGravityResizeAspect, kPixelFormat420f);
+  ASSERT_TRUE(engine && engine->device());
+  auto host = std::make_shared<Host>();
+  engine->setDelegate(host);
+  ErrorWatch watch(*engine->session());
+  engine->setRecordCameraData(true);
+  engine->startVideoCapture();
+  ASSERT_TRUE(waitForFrames(host->frames, 15, 60s));
+  {
+    vivid::Unplug unplug(vivid::nodePath(0));
+    ASSERT_TRUE(unplug.pressed());
+    ASSERT_TRUE(watch.wait());
+    EXPECT_TRUE(watch.errors[0].disconnected);
+    engine->stopVideoCapture();
+  }
+  ASSERT_TRUE(KWQCameraRollHelper::getInstance().waitForPendingSaves(60s));
+  std::vector<std::filesystem::path> movies;
+  for (const auto& entry : std::filesystem::directory_iterator(library.path))
+    if (entry.path().extension() == ".mov") movies.push_back(entry.path());
+  ASSERT_EQ(movies.size(), 1u);
+  const test::MovieSummary movie = test::readMovie(movies[0].string(), {}, true);
+  EXPECT_TRUE(movie.opened) << movie.error;
+  EXPECT_GE(movie.frames, 10u);
+  KWQCameraRollHelper::setPhotoLibraryDirectory("");
+}
+
+// A still asked for as the camera goes: the answer (an error, or a frame from before the
+// unplug) comes within the still output's wait, and the process goes on.
+TEST(VividUnplug, StillPendingGetsAnAnswer) {
+  KWQ_REQUIRE_GUEST();
+  CaptureDevice::resetDevices();
+  Filming f(CaptureDevice::defaultDeviceWithMediaType(AVMediaTypeVideo),
+            AVCaptureSessionPreset640x480, kPixelFormat420f);
+  auto still = StillImageOutput::create();
+  f.session->addOutput(still);
+  f.session->startRunning();
+  ASSERT_TRUE(f.counter->waitForMore(3, 30s));
+  std::atomic<bool> answered{false};
+  std::optional<std::string> error;
+  {
+    vivid::Unplug unplug(vivid::nodePath(0));
+    ASSERT_TRUE(unplug.pressed());
+    still->captureStillImageAsynchronouslyFromConnection(
+        still->connectionWithMediaType(AVMediaTypeVideo),
+        [&](const SampleBuffer& sample, const std::optional<std::string>& e) {
+          error = e;
+          answered = true;
+        });
+    EXPECT_TRUE(test::pumpMainContextUntil([&] { return answered.load(); }, 20s))
+        << "the still never answered";
+    f.session->stopRunning();
+  }
+  if (error) EXPECT_NE(error->find("No frame"), std::string::npos) << *error;
+}
+
+// Switching to a camera that was unplugged: the switch reports it (disconnected, at start,
+// naming the back camera) without hanging, and switching back films again.
+TEST(VividUnplug, DuringACameraSwitch) {
+  KWQ_REQUIRE_GUEST();
+  CaptureDevice::resetDevices();
+  auto engine = KWQVideoHelper::create(AVCaptureSessionPreset640x480, AVCaptureDevicePositionFront,
+                                       AVLayerVideoGravityResizeAspect, kPixelFormat420f);
+  ASSERT_TRUE(engine && engine->device());
+  const std::string frontId = engine->device()->uniqueID();
+  auto host = std::make_shared<Host>();
+  engine->setDelegate(host);
+  ErrorWatch watch(*engine->session());
+  engine->startVideoCapture();
+  ASSERT_TRUE(waitForFrames(host->frames, 5, 30s));
+  {
+    vivid::Unplug unplug(vivid::nodePath(1));
+    ASSERT_TRUE(unplug.pressed());
+    engine->toggleCameraWithAnimation(false);
+    ASSERT_TRUE(engine->device());
+    EXPECT_EQ(engine->device()->position(), AVCaptureDevicePositionBack);
+    ASSERT_TRUE(watch.wait());
+    EXPECT_TRUE(watch.errors[0].disconnected);
+    EXPECT_EQ(watch.errors[0].deviceUniqueID, engine->device()->uniqueID());
+    engine->toggleCameraWithAnimation(false);
+  }
+  ASSERT_TRUE(engine->device());
+  EXPECT_EQ(engine->device()->uniqueID(), frontId);
+  EXPECT_TRUE(waitForFrames(host->frames, 5, 30s)) << "no frames after switching back";
+  engine->stopVideoCapture();
+}
+
+// Another process streams from the camera: starting reports a clear error at start, and
+// startRunning() returns.
+TEST(VividUnplug, BusyCameraFailsToStartClearly) {
+  KWQ_REQUIRE_GUEST();
+  CaptureDevice::resetDevices();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    execlp("v4l2-ctl", "v4l2-ctl", "-d", "/dev/video0", "--stream-mmap", "--stream-count=0",
+           "--silent", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  ASSERT_TRUE(vivid::waitForStreaming(vivid::nodePath(0), 30s))
+      << "the other process never streamed";
+  {
+    Filming f(CaptureDevice::defaultDeviceWithMediaType(AVMediaTypeVideo),
+              AVCaptureSessionPreset640x480, kPixelFormat420f);
+    ErrorWatch watch(*f.session);
+    test::LogCapture log;
+    f.session->startRunning();
+    EXPECT_TRUE(f.session->isRunning());
+    ASSERT_TRUE(watch.wait());
+    EXPECT_TRUE(watch.errors[0].atStart);
+    EXPECT_FALSE(watch.errors[0].disconnected);
+    EXPECT_FALSE(watch.errors[0].message.empty());
+    EXPECT_EQ(countLines(log.lines(), "the camera could not start"), 1);
+    EXPECT_EQ(f.counter->frames(), 0);
+  }
+  kill(child, SIGTERM);
+  waitpid(child, nullptr, 0);
+}
+
+// A format the camera does not offer: start() fails with the reason, within its wait.
+TEST(VividUnplug, RefusedFormatFailsToStartClearly) {
+  KWQ_REQUIRE_GUEST();
+  ASSERT_TRUE(platform::ensureGStreamer(nullptr));
+  std::string error;
+  auto pipeline = platform::CapturePipeline::create(
+      std::make_unique<FormatSource>(vivid::nodePath(0),
+                                     "video/x-raw,format=YUY2,width=641,height=479"),
+      "vivid", 640, 480, kPixelFormat420f, [](const SampleBuffer&) {}, &error);
+  ASSERT_TRUE(pipeline) << error;
+  EXPECT_FALSE(pipeline->start(&error));
+  EXPECT_FALSE(error.empty());
+  std::printf("refused format: %s\n", error.c_str());
+}
+
+// --- The command-line tool ---------------------------------------------------------------
+
+#ifdef KWQ_TOOL_PATH
+// `kwq capture --record` on the virtual webcam, unplugged mid-run: it says the camera was
+// disconnected, naming it, exits with its documented code, and leaves a movie that plays.
+TEST(VividTool, CaptureSaysTheCameraWasDisconnected) {
+  KWQ_REQUIRE_GUEST();
+  test::TempDir home("vivid-home");
+  const std::string errPath = (home.path / "stderr.txt").string();
+  const std::string outPath = (home.path / "stdout.txt").string();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    setenv("HOME", home.path.c_str(), 1);
+    unsetenv("XDG_CONFIG_HOME");
+    if (!freopen(errPath.c_str(), "w", stderr) || !freopen(outPath.c_str(), "w", stdout))
+      _exit(126);
+    execl(KWQ_TOOL_PATH, "kwq", "capture", "--record", "--seconds", "120",
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  // Five frames into the movie first: the progress line, once a second, counts them.
+  const bool filmed = test::waitUntil(
+      [&] {
+        std::ifstream progress(outPath);
+        const std::string text((std::istreambuf_iterator<char>(progress)), {});
+        const size_t at = text.rfind("frames ");
+        return at != std::string::npos && std::atoi(text.c_str() + at + 7) >= 5;
+      },
+      120s);
+  ASSERT_TRUE(filmed) << "kwq never filmed five frames";
+  vivid::Unplug unplug(vivid::nodePath(0));
+  ASSERT_TRUE(unplug.pressed());
+  int status = 0;
+  const bool exited =
+      test::waitUntil([&] { return waitpid(child, &status, WNOHANG) == child; }, 90s);
+  if (!exited) {
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+  }
+  ASSERT_TRUE(exited) << "kwq capture did not end after the unplug";
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 3);
+  std::ifstream errFile(errPath);
+  const std::string err((std::istreambuf_iterator<char>(errFile)), {});
+  EXPECT_NE(err.find("was disconnected"), std::string::npos) << err;
+  EXPECT_NE(err.find("v4l2:"), std::string::npos) << "the message names the camera: " << err;
+  std::vector<std::filesystem::path> movies;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(home.path))
+    if (entry.path().extension() == ".mov") movies.push_back(entry.path());
+  ASSERT_EQ(movies.size(), 1u) << err;
+  const test::MovieSummary movie = test::readMovie(movies[0].string(), {}, true);
+  EXPECT_TRUE(movie.opened) << movie.error;
+  EXPECT_GE(movie.frames, 5u);
+}
+#endif
 
 }  // namespace
 }  // namespace kwq
