@@ -177,8 +177,10 @@ class KWQ_EXPORT VideoDataOutput : public CaptureOutput {
 };
 
 /// Full-resolution stills from the running session: synthetic cameras draw the frame again
-/// 1920 pixels wide at the stream's aspect ratio (1920 x 1080 from 720p); webcams and video
-/// files give their stream frame.
+/// 1920 pixels wide at the stream's aspect ratio (1920 x 1080 from 720p); a webcam films the
+/// still at the largest size it lists, stopping the stream for that moment (a webcam films one
+/// size at a time; frames resume after it, and the stream frame is given when the large one
+/// does not come); video files give their stream frame.
 class KWQ_EXPORT StillImageOutput : public CaptureOutput {
  public:
   /// Receives the still, or an error text and a null sample.

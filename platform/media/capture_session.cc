@@ -357,19 +357,30 @@ void StillImageOutput::captureStillImageAsynchronouslyFromConnection(
       std::lock_guard lock(session->mutex);
       camera = session->cameraLocked();
     }
-    session.reset();
     if (camera)
       notBefore = camera->impl()->backend->prepareStill(camera->impl()->currentControls());
     const SampleBuffer frame = router->nextFrame(std::chrono::seconds(3), notBefore);
     if (frame.isNull()) return fail("No frame arrived from the camera");
+    // A webcam that films larger pictures than the stream: one frame at its largest size, with
+    // the stream frame's time stamps; the stream frame when that fails.
+    SampleBuffer large;
+    if (auto size = camera ? camera->impl()->backend->stillSize() : std::nullopt;
+        size &&
+        size->width * size->height >
+            frame.imageBuffer().width() * static_cast<double>(frame.imageBuffer().height())) {
+      const SampleBuffer taken = session->filmStill(camera, *size, std::chrono::seconds(15));
+      if (!taken.isNull())
+        large = SampleBuffer(taken.imageBuffer(), frame.presentationTimeStamp(), frame.duration());
+    }
+    session.reset();
     uint32_t format;
     {
       std::lock_guard lock(d->mutex);
       format = d->pixelFormat;
     }
     // A camera that takes larger stills draws this frame again at its full resolution.
-    SampleBuffer source = frame;
-    if (camera) {
+    SampleBuffer source = large.isNull() ? frame : large;
+    if (camera && large.isNull()) {
       SampleBuffer full = camera->impl()->backend->fullResolutionStill(frame);
       if (!full.isNull()) source = std::move(full);
     }
@@ -639,6 +650,52 @@ void CaptureSession::Impl::startPipeline() {
   }
   std::lock_guard lock(mutex);
   pipeline = std::move(p);
+}
+
+SampleBuffer CaptureSession::Impl::filmStill(const std::shared_ptr<CaptureDevice>& camera,
+                                             Size size, std::chrono::milliseconds timeout) {
+  std::lock_guard hold(runMutex);
+  std::unique_ptr<platform::CapturePipeline> stream;
+  {
+    std::lock_guard lock(mutex);
+    if (!running || !pipeline || cameraLocked() != camera) return {};
+    stream = std::move(pipeline);
+  }
+  stream->stop();  // the device films one size at a time
+  stream.reset();
+
+  struct Slot {
+    std::mutex mutex;
+    std::condition_variable arrived;
+    SampleBuffer frame;
+  };
+  auto slot = std::make_shared<Slot>();
+  std::string error;
+  const auto w = static_cast<size_t>(size.width), h = static_cast<size_t>(size.height);
+  auto source = camera->impl()->backend->makeSource(w, h, &error);
+  auto once = source ? platform::CapturePipeline::create(
+                           std::move(source), camera->localizedName(), w, h, kPixelFormatBGRA,
+                           [slot](const SampleBuffer& s) {
+                             std::lock_guard lock(slot->mutex);
+                             if (!slot->frame.isNull()) return;
+                             slot->frame = s;
+                             slot->arrived.notify_all();
+                           },
+                           &error)
+                     : nullptr;
+  SampleBuffer still;
+  if (once && once->start(&error)) {
+    std::unique_lock lock(slot->mutex);
+    slot->arrived.wait_for(lock, timeout, [&] { return !slot->frame.isNull(); });
+    still = slot->frame;
+  }
+  if (once) once->stop();
+  once.reset();
+  if (still.isNull())
+    logf("Capture: %s: no still at %.0fx%.0f: %s", camera->localizedName().c_str(), size.width,
+         size.height, error.empty() ? "no frame came" : error.c_str());
+  startPipeline();  // the stream again, as it was
+  return still;
 }
 
 void CaptureSession::Impl::reportRuntimeError(uint64_t thisRun,

@@ -62,6 +62,10 @@ std::optional<NodeInfo> probeNode(const std::string& path) {
   return info;
 }
 
+int64_t presetArea(const Size& s) {
+  return static_cast<int64_t>(s.width) * static_cast<int64_t>(s.height);
+}
+
 class V4l2Source final : public CameraSource {
  public:
   V4l2Source(const std::string& path, size_t width, size_t height, bool sizeListed) {
@@ -101,6 +105,12 @@ class V4l2Backend final : public CameraBackend {
   }
   std::optional<Size> sizeForPreset(std::string_view preset) const override {
     return v4l2SizeForPreset(sizes_, preset);
+  }
+  std::optional<Size> stillSize() const override {
+    std::optional<Size> largest;
+    for (const Size& s : sizes_)
+      if (!largest || presetArea(s) > presetArea(*largest)) largest = s;
+    return largest;
   }
   std::unique_ptr<CameraSource> makeSource(size_t width, size_t height,
                                            std::string* error) override {
@@ -149,10 +159,6 @@ class V4l2Backend final : public CameraBackend {
   mutable std::mutex mutex_;
   V4l2ControlMap map_;
 };
-
-int64_t presetArea(const Size& s) {
-  return static_cast<int64_t>(s.width) * static_cast<int64_t>(s.height);
-}
 
 }  // namespace
 

@@ -483,6 +483,127 @@ TEST(VividUnplug, RefusedFormatFailsToStartClearly) {
   std::printf("refused format: %s\n", error.c_str());
 }
 
+// --- The engine on a live camera -----------------------------------------------------------
+
+// A still is filmed at the largest size the camera lists (3840 x 2160), with the bars' colours,
+// and the stream goes on at its own size afterwards; the engine hands it to its delegate.
+TEST(VividEngine, StillAtTheLargestSizeThenTheStreamGoesOn) {
+  KWQ_REQUIRE_GUEST();
+  CaptureDevice::resetDevices();
+  Filming f(CaptureDevice::defaultDeviceWithMediaType(AVMediaTypeVideo),
+            AVCaptureSessionPreset640x480, kPixelFormat420f);
+  auto still = StillImageOutput::create();
+  f.session->addOutput(still);
+  f.session->startRunning();
+  ASSERT_TRUE(f.counter->waitForMore(3, 30s));
+  std::atomic<bool> answered{false};
+  SampleBuffer taken;
+  std::optional<std::string> error;
+  still->captureStillImageAsynchronouslyFromConnection(
+      still->connectionWithMediaType(AVMediaTypeVideo),
+      [&](const SampleBuffer& sample, const std::optional<std::string>& e) {
+        taken = sample;
+        error = e;
+        answered = true;
+      });
+  ASSERT_TRUE(test::pumpMainContextUntil([&] { return answered.load(); }, 60s));
+  ASSERT_FALSE(error) << *error;
+  EXPECT_EQ(taken.imageBuffer().pixelFormat(), kPixelFormatBGRA);
+  EXPECT_EQ(taken.imageBuffer().width(), 3840u);
+  EXPECT_EQ(taken.imageBuffer().height(), 2160u);
+  EXPECT_LE(vivid::barError(taken), 6);
+  ASSERT_TRUE(f.counter->waitForMore(3, 30s)) << "the stream did not come back after the still";
+  EXPECT_EQ(f.counter->last().imageBuffer().width(), 640u);
+  EXPECT_FALSE(f.session->runtimeError());
+
+  // Through the engine: the delegate's image has the still's size (turned upright for a phone
+  // held in portrait, as the engine's image conversion does).
+  f.session->stopRunning();
+  auto engine = KWQVideoHelper::create(AVCaptureSessionPreset640x480, AVCaptureDevicePositionFront,
+                                       AVLayerVideoGravityResizeAspect, kPixelFormat420f);
+  auto host = std::make_shared<Host>();
+  engine->setDelegate(host);
+  engine->startVideoCapture();
+  ASSERT_TRUE(waitForFrames(host->frames, 3, 30s));
+  engine->takeStillPicture();
+  ASSERT_TRUE(waitForFrames(host->stills, 1, 60s));
+  {
+    std::lock_guard lock(host->mutex);
+    EXPECT_EQ(std::max(host->still.width(), host->still.height()), 3840u);
+    EXPECT_EQ(std::min(host->still.width(), host->still.height()), 2160u);
+  }
+  engine->stopVideoCapture();
+}
+
+// toggleCameraWithAnimation() moves between the two webcams; the back one films another
+// pattern here, so its frames are told apart.
+TEST(VividEngine, ToggleBetweenTheTwoCameras) {
+  KWQ_REQUIRE_GUEST();
+  constexpr uint32_t kTestPattern = 0x00f0f000;  // the driver's pattern menu; 0: 75 % bars
+  ASSERT_TRUE(vivid::setControl(vivid::nodePath(1), kTestPattern, 1));
+  CaptureDevice::resetDevices();
+  auto engine = KWQVideoHelper::create(AVCaptureSessionPreset640x480, AVCaptureDevicePositionFront,
+                                       AVLayerVideoGravityResizeAspect, kPixelFormat420f);
+  ASSERT_TRUE(engine->device());
+  const std::string front = engine->device()->uniqueID();
+  auto counter = std::make_shared<FrameCounter>();
+  engine->videoDataOutput()->setSampleBufferDelegate(
+      counter, engine->videoDataOutput()->sampleBufferCallbackQueue());
+  engine->startVideoCapture();
+  ASSERT_TRUE(counter->waitForMore(3, 30s));
+  EXPECT_LE(vivid::barError(counter->last()), 6);
+  for (int round = 0; round < 2; ++round) {
+    engine->toggleCameraWithAnimation(true);
+    ASSERT_TRUE(engine->device());
+    const bool back = round == 0;
+    EXPECT_EQ(engine->device()->position(),
+              back ? AVCaptureDevicePositionBack : AVCaptureDevicePositionFront);
+    EXPECT_EQ(engine->device()->uniqueID() == front, !back);
+    ASSERT_TRUE(counter->waitForMore(4, 30s));
+    const int error = vivid::barError(counter->last());
+    if (back)
+      EXPECT_GT(error, 30) << "frames still from the front camera";
+    else
+      EXPECT_LE(error, 6);
+  }
+  engine->stopVideoCapture();
+  vivid::setControl(vivid::nodePath(1), kTestPattern, 0);
+}
+
+// The recorder on a live camera: a movie of the frames filmed, at the stream's size.
+TEST(VividEngine, RecorderOnALiveCamera) {
+  KWQ_REQUIRE_GUEST();
+  CaptureDevice::resetDevices();
+  test::TempDir library("vivid-library");
+  KWQCameraRollHelper::setPhotoLibraryDirectory(library.path.string());
+  auto engine = KWQVideoHelper::create(AVCaptureSessionPreset640x480, AVCaptureDevicePositionFront,
+                                       AVLayerVideoGravityResizeAspect, kPixelFormat420f);
+  auto host = std::make_shared<Host>();
+  engine->setDelegate(host);
+  engine->setRecordCameraData(true);
+  engine->startVideoCapture();
+  ASSERT_TRUE(waitForFrames(host->frames, 20, 60s));
+  engine->stopVideoCapture();
+  const int filmed = host->frames.load();
+  ASSERT_TRUE(KWQCameraRollHelper::getInstance().waitForPendingSaves(60s));
+  std::vector<std::filesystem::path> movies;
+  for (const auto& entry : std::filesystem::directory_iterator(library.path))
+    if (entry.path().extension() == ".mov") movies.push_back(entry.path());
+  ASSERT_EQ(movies.size(), 1u);
+  int width = 0, height = 0;
+  const test::MovieSummary movie =
+      test::readMovie(movies[0].string(), [&](const test::StoredFrame& frame) {
+        width = frame.width;
+        height = frame.height;
+      });
+  EXPECT_TRUE(movie.opened) << movie.error;
+  EXPECT_GE(movie.frames, 15u);
+  EXPECT_LE(movie.frames, static_cast<size_t>(filmed));
+  EXPECT_EQ(width, 640);
+  EXPECT_EQ(height, 480);
+  KWQCameraRollHelper::setPhotoLibraryDirectory("");
+}
+
 // --- The command-line tool ---------------------------------------------------------------
 
 #ifdef KWQ_TOOL_PATH
