@@ -6,10 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <thread>
 
 #include "support/main_loop.h"
@@ -74,36 +72,6 @@ Unplug::Unplug(const std::string& path) : fd_(openNode(path)) {
 void Unplug::replug() {
   if (fd_ >= 0) close(fd_);
   fd_ = -1;
-}
-
-bool waitForNode(const std::string& path, std::chrono::milliseconds timeout) {
-  const auto end = std::chrono::steady_clock::now() + timeout;
-  do {
-    const int fd = openNode(path);
-    if (fd >= 0) {
-      v4l2_capability cap{};
-      const bool ok = ioctlRetry(fd, VIDIOC_QUERYCAP, &cap) == 0;
-      close(fd);
-      if (ok) return true;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  } while (std::chrono::steady_clock::now() < end);
-  // Say what still holds the camera: this process's handles and mappings of video nodes.
-  std::error_code ec;
-  for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
-    const auto target = std::filesystem::read_symlink(e.path(), ec);
-    if (!ec && target.string().find("/dev/video") != std::string::npos)
-      std::printf("still open: fd %s -> %s\n", e.path().filename().c_str(), target.c_str());
-  }
-  if (FILE* maps = std::fopen("/proc/self/maps", "r")) {
-    char line[512];
-    int mapped = 0;
-    while (std::fgets(line, sizeof line, maps))
-      if (std::strstr(line, "/dev/video")) ++mapped;
-    std::fclose(maps);
-    std::printf("mappings of video nodes: %d\n", mapped);
-  }
-  return false;
 }
 
 bool waitForStreaming(const std::string& path, std::chrono::milliseconds timeout) {

@@ -47,9 +47,6 @@ class Unplug {
 /// Sets a control of `path` by its V4L2 id (for instance the driver's test pattern).
 bool setControl(const std::string& path, uint32_t id, int64_t value);
 
-/// Waits (polling, at most `timeout`) until the node at `path` answers VIDIOC_QUERYCAP.
-bool waitForNode(const std::string& path, std::chrono::milliseconds timeout);
-
 /// Waits (polling) until some handle streams from `path` (VIDIOC_REQBUFS answers busy).
 bool waitForStreaming(const std::string& path, std::chrono::milliseconds timeout);
 

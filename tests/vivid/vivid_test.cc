@@ -258,21 +258,14 @@ TEST(VividDiscovery, BrightnessAndGainAreThereAndAct) {
 
 // --- Unplug, re-plug and cameras that cannot start --------------------------------------
 
-// The engine's host: counts frames and stills.
-class Host final : public KWQFrameDelegate, public KWQStillImageDelegate {
+// The engine's host: counts frames.
+class Host final : public KWQFrameDelegate {
  public:
   void getLastSampleBuffer(const SampleBuffer&, Rect, double, double,
                            const std::optional<std::string>&) override {
     ++frames;
   }
-  void getNewStillImage(const Image& image) override {
-    std::lock_guard lock(mutex);
-    still = image;
-    ++stills;
-  }
-  std::atomic<int> frames{0}, stills{0};
-  std::mutex mutex;
-  Image still;
+  std::atomic<int> frames{0};
 };
 
 bool waitForFrames(const std::atomic<int>& counter, int more, std::chrono::milliseconds timeout) {
