@@ -18,6 +18,8 @@ packages=(
   qt6-base-dev xvfb
   # The kwqimage Python module and its Dask batch runner.
   python3-dev pybind11-dev python3-numpy python3-dask python3-distributed python3-pytest
+  # The webcam tests: the kernel's virtual camera driver in a QEMU guest (tests/vivid).
+  qemu-system-x86 linux-image-amd64 busybox-static v4l-utils
 )
 
 missing=()

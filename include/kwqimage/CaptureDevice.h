@@ -139,6 +139,10 @@ class KWQ_EXPORT CaptureDevice {
   int64_t position() const;
   /// True for AVMediaTypeVideo.
   bool hasMediaType(std::string_view mediaType) const;
+  /// False once the camera has gone from the machine (a webcam unplugged); true again when it
+  /// is back at the same device node. The library's own cameras are always connected. Asks the
+  /// device each time. Thread: any.
+  bool isConnected() const;
 
   /// Takes the configuration lock for the calling thread (again if it holds it already; locks
   /// nest). False, with a reason in `error` when given, while another thread holds it.

@@ -177,8 +177,10 @@ class KWQ_EXPORT VideoDataOutput : public CaptureOutput {
 };
 
 /// Full-resolution stills from the running session: synthetic cameras draw the frame again
-/// 1920 pixels wide at the stream's aspect ratio (1920 x 1080 from 720p); webcams and video
-/// files give their stream frame.
+/// 1920 pixels wide at the stream's aspect ratio (1920 x 1080 from 720p); a webcam films the
+/// still at the largest size it lists, stopping the stream for that moment (a webcam films one
+/// size at a time; frames resume after it, and the stream frame is given when the large one
+/// does not come); video files give their stream frame.
 class KWQ_EXPORT StillImageOutput : public CaptureOutput {
  public:
   /// Receives the still, or an error text and a null sample.
@@ -265,13 +267,27 @@ class KWQ_EXPORT MetadataOutput : public CaptureOutput {
   std::shared_ptr<Impl> d_;
 };
 
+/// What went wrong with a session's camera: it was unplugged (`disconnected`), failed while
+/// filming, or could not start (`atStart`; busy in another process, a format it refuses).
+struct CaptureRuntimeError {
+  std::string deviceUniqueID;
+  std::string deviceName;
+  bool disconnected = false;
+  bool atStart = false;
+  std::string message;  ///< the camera layer's own words
+};
+
 /// One camera and its outputs.
 ///
 /// Inputs: one camera at a time. Outputs: one of each kind. Changes made while running take
 /// effect at once, or at commitConfiguration() inside a configuration transaction. A running
 /// session without a camera input delivers nothing. A camera that fails while running (a file
-/// that stops decoding, an unplugged webcam) is logged and delivers nothing more; the session
-/// still counts as running until stopRunning().
+/// that stops decoding, an unplugged webcam) delivers nothing more and the session still counts
+/// as running until stopRunning(); the failure is logged in one line naming the camera
+/// ("Capture: the camera <name> (<unique id>) was disconnected: <message>", "... failed:
+/// <message>", or "Capture: <name>: the camera could not start: <message>"), kept as
+/// runtimeError() and handed to the runtime-error handler. After an unplug, stopRunning()
+/// and startRunning() film again once the camera is back (see CaptureDevice::isConnected()).
 class KWQ_EXPORT CaptureSession {
  public:
   static std::shared_ptr<CaptureSession> create();
@@ -311,6 +327,12 @@ class KWQ_EXPORT CaptureSession {
   /// under way on its queue finishes. Does nothing while stopped.
   void stopRunning();
   bool isRunning() const;
+
+  /// Called on the main queue once per run whose camera fails or cannot start. Thread: any.
+  void setRuntimeErrorHandler(std::function<void(const CaptureRuntimeError&)> handler);
+  /// The failure of the current (or last) run; none while it goes well. startRunning() clears
+  /// it. Thread: any.
+  std::optional<CaptureRuntimeError> runtimeError() const;
 
   struct Impl;
   const std::shared_ptr<Impl>& impl() const { return d_; }

@@ -80,9 +80,16 @@ class CameraBackend {
   /// A still is about to be taken: fire the flash if the controls ask for it. Returns the
   /// earliest time stamp (ns) of a frame that shows the flash, or -1 when any frame will do.
   virtual int64_t prepareStill(const CameraControls& controls) { return -1; }
+  /// A camera whose largest picture is larger than the stream's: that size. The session then
+  /// takes a still by stopping the stream for a moment and filming one frame at this size
+  /// (a webcam can film one size at a time). None: stills come from the stream.
+  virtual std::optional<Size> stillSize() const { return std::nullopt; }
   /// The still of `streamFrame` at the camera's full resolution, in BGRA with the stream
   /// frame's time stamps; the null sample when the camera takes stills at its stream size.
   virtual SampleBuffer fullResolutionStill(const SampleBuffer& streamFrame) { return {}; }
+
+  /// False once the camera has gone from the machine (unplugged). Thread: any.
+  virtual bool isConnected() const { return true; }
 
   /// Set by the device before any source runs: call when a one-shot auto-focus pass is over
   /// (the device then reads locked). Called without any backend lock held.

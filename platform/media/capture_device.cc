@@ -147,6 +147,9 @@ const std::string& CaptureDevice::localizedName() const {
 int64_t CaptureDevice::position() const {
   return d_->position;
 }
+bool CaptureDevice::isConnected() const {
+  return d_->backend->isConnected();
+}
 bool CaptureDevice::hasMediaType(std::string_view mediaType) const {
   return mediaType == AVMediaTypeVideo;
 }

@@ -173,6 +173,14 @@ struct CaptureSession::Impl : std::enable_shared_from_this<CaptureSession::Impl>
   std::shared_ptr<CaptureDevice> cameraLocked() const;
   // The size frames will have with the current camera and preset; zero without a camera.
   Size videoSize() const;
+  // One frame in BGRA at `size` from `camera`, the session's running camera: the stream stops,
+  // a pipeline films at that size, and the stream starts again. Null when the camera is not the
+  // running one or gave no frame within `timeout`. Thread: not the frame queue.
+  SampleBuffer filmStill(const std::shared_ptr<CaptureDevice>& camera, Size size,
+                         std::chrono::milliseconds timeout);
+  // Records, logs and hands to the host the first failure of run `run`. Thread: any.
+  void reportRuntimeError(uint64_t run, const std::shared_ptr<CaptureDevice>& camera,
+                          const std::string& message, bool atStart);
 
   std::mutex runMutex;  // serialises start, stop and rebuilds; taken before `mutex`
   mutable std::mutex mutex;
@@ -183,6 +191,9 @@ struct CaptureSession::Impl : std::enable_shared_from_this<CaptureSession::Impl>
   bool changedInTransaction = false;
   bool running = false;
   std::unique_ptr<platform::CapturePipeline> pipeline;
+  uint64_t run = 0;  // counts pipeline starts
+  std::optional<CaptureRuntimeError> runtimeError;
+  std::function<void(const CaptureRuntimeError&)> runtimeErrorHandler;
   std::shared_ptr<platform::FrameRouter> router = std::make_shared<platform::FrameRouter>();
 };
 

@@ -3,6 +3,7 @@
 #include <gst/app/gstappsink.h>
 #include <gst/video/video.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -81,6 +82,61 @@ PixelBuffer wrapSample(GstSample* sample, uint32_t pixelFormat, const GstVideoIn
   return pixels;
 }
 
+// What the camera's decoded stream is, as seen where it enters the source bin's converter.
+// GStreamer's converter keeps YUV code values as they are between two YUV formats of the
+// same matrix, whatever the ranges (a webcam's video-range YUYV would come out as "full-range"
+// NV12 with black at 16), so the pipeline puts the range right itself; RGB sources and other
+// matrices go through a real conversion and need nothing.
+struct SourceColour {
+  enum Kind : int { kUnknown, kYuv601Video, kYuv601Full, kOther };
+  std::atomic<int> kind{kUnknown};
+};
+
+constexpr const char* kSourceColourKey = "kwq-source-colour";
+
+GstPadProbeReturn noteSourceCaps(GstPad*, GstPadProbeInfo* info, gpointer data) {
+  GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+  if (!event || GST_EVENT_TYPE(event) != GST_EVENT_CAPS) return GST_PAD_PROBE_OK;
+  GstCaps* caps = nullptr;
+  gst_event_parse_caps(event, &caps);
+  GstVideoInfo vi;
+  int kind = SourceColour::kOther;
+  if (caps && gst_video_info_from_caps(&vi, caps) && GST_VIDEO_INFO_IS_YUV(&vi) &&
+      vi.colorimetry.matrix == GST_VIDEO_COLOR_MATRIX_BT601) {
+    if (vi.colorimetry.range == GST_VIDEO_COLOR_RANGE_16_235) kind = SourceColour::kYuv601Video;
+    if (vi.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255) kind = SourceColour::kYuv601Full;
+  }
+  (*static_cast<std::shared_ptr<SourceColour>*>(data))->kind.store(kind);
+  return GST_PAD_PROBE_OK;
+}
+
+// A copy of NV12 `in` with its samples moved from one range to the other (video range: luma
+// 16..235, chroma 16..240 around 128).
+PixelBuffer remapRange(const PixelBuffer& in, bool toFull) {
+  uint8_t luma[256], chroma[256];
+  for (int v = 0; v < 256; ++v) {
+    const double y = toFull ? (v - 16) * 255.0 / 219.0 : v * 219.0 / 255.0 + 16;
+    const double c = toFull ? (v - 128) * 255.0 / 224.0 : (v - 128) * 224.0 / 255.0;
+    luma[v] = static_cast<uint8_t>(std::clamp(y + 0.5, 0.0, 255.0));
+    chroma[v] = static_cast<uint8_t>(std::clamp(c + 128.5, 0.0, 255.0));
+  }
+  PixelBuffer out = PixelBuffer::allocate(in.pixelFormat(), in.width(), in.height());
+  if (out.isNull() || !in.lockBaseAddress(kPixelBufferLockReadOnly)) return {};
+  out.lockBaseAddress();
+  for (size_t p = 0; p < 2 && p < in.planeCount() && p < out.planeCount(); ++p) {
+    const uint8_t* table = p == 0 ? luma : chroma;
+    const size_t bytes = p == 0 ? in.widthOfPlane(0) : 2 * in.widthOfPlane(1);
+    for (size_t y = 0; y < in.heightOfPlane(p); ++y) {
+      const uint8_t* src = in.baseAddressOfPlane(p) + y * in.bytesPerRowOfPlane(p);
+      uint8_t* dst = out.baseAddressOfPlane(p) + y * out.bytesPerRowOfPlane(p);
+      for (size_t x = 0; x < bytes; ++x) dst[x] = table[src[x]];
+    }
+  }
+  out.unlockBaseAddress();
+  in.unlockBaseAddress(kPixelBufferLockReadOnly);
+  return out;
+}
+
 }  // namespace
 
 struct CapturePipeline::Core {
@@ -91,6 +147,8 @@ struct CapturePipeline::Core {
   FrameCallback onFrame;
   GstElement* pipeline = nullptr;
   std::atomic<bool> ready{false};
+  // The decoded camera stream's colours, when the source bin reports them.
+  std::shared_ptr<SourceColour> sourceColour;
 
   // The source receives bus messages until the pipeline is torn down; a message posted
   // concurrently with the teardown finds it gone rather than half destroyed.
@@ -99,6 +157,7 @@ struct CapturePipeline::Core {
 
   std::mutex mutex;  // guards the fields below
   std::string firstError;
+  CapturePipeline::ErrorCallback onError;
   int64_t lastPts = -1;
   int64_t ptsOffset = 0;
 
@@ -142,6 +201,15 @@ struct CapturePipeline::Core {
                                    : MediaTime::invalid();
     PixelBuffer pixels = wrapSample(sample, core.pixelFormat, info);
     if (pixels.isNull()) return GST_FLOW_OK;
+    if (core.sourceColour && core.pixelFormat != kPixelFormatBGRA) {
+      const int kind = core.sourceColour->kind.load();
+      const bool wantFull = core.pixelFormat == kPixelFormat420f;
+      if ((kind == SourceColour::kYuv601Video && wantFull) ||
+          (kind == SourceColour::kYuv601Full && !wantFull)) {
+        pixels = remapRange(pixels, wantFull);
+        if (pixels.isNull()) return GST_FLOW_OK;
+      }
+    }
     try {
       core.onFrame(SampleBuffer(std::move(pixels), pts, duration));
     } catch (...) {
@@ -159,12 +227,17 @@ struct CapturePipeline::Core {
       gst_message_parse_error(message, &err, &debug);
       const std::string text = err && err->message ? err->message : "unknown error";
       bool first = false;
+      CapturePipeline::ErrorCallback onError;
       {
         std::lock_guard lock(core.mutex);
         first = core.firstError.empty();
         if (first) core.firstError = text;
+        onError = core.onError;
       }
-      if (first) logf("Capture: %s: %s", core.cameraName.c_str(), text.c_str());
+      if (first && onError)
+        onError(text);
+      else if (first)
+        logf("Capture: %s: %s", core.cameraName.c_str(), text.c_str());
       if (err) g_error_free(err);
       g_free(debug);
     }
@@ -222,6 +295,14 @@ GstElement* makeDecodingSourceBin(GstElement* producer, GstCaps* filter) {
   gst_element_add_pad(bin, gst_ghost_pad_new("src", target));
   gst_object_unref(target);
   g_signal_connect(decode, "pad-added", G_CALLBACK(&linkDecodedVideo), convert);
+  auto* colour = new std::shared_ptr<SourceColour>(std::make_shared<SourceColour>());
+  g_object_set_data_full(G_OBJECT(bin), kSourceColourKey,
+                         new std::shared_ptr<SourceColour>(*colour),
+                         [](gpointer p) { delete static_cast<std::shared_ptr<SourceColour>*>(p); });
+  GstPad* convertSink = gst_element_get_static_pad(convert, "sink");
+  gst_pad_add_probe(convertSink, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, &noteSourceCaps, colour,
+                    [](gpointer p) { delete static_cast<std::shared_ptr<SourceColour>*>(p); });
+  gst_object_unref(convertSink);
   return bin;
 }
 
@@ -269,6 +350,9 @@ std::unique_ptr<CapturePipeline> CapturePipeline::create(
     return fail("GStreamer's videoscale, videoconvert, capsfilter or appsink is missing");
   }
   GstElement* src = source->element();
+  if (auto* colour = static_cast<std::shared_ptr<SourceColour>*>(
+          g_object_get_data(G_OBJECT(src), kSourceColourKey)))
+    p->core_->sourceColour = *colour;
   gst_bin_add_many(GST_BIN(p->pipeline_), src, scale, convert, filter, sink, nullptr);
   p->source_ = std::move(source);
 
@@ -341,6 +425,11 @@ bool CapturePipeline::start(std::string* error) {
     return false;
   }
   return true;
+}
+
+void CapturePipeline::setErrorCallback(ErrorCallback onError) {
+  std::lock_guard lock(core_->mutex);
+  core_->onError = std::move(onError);
 }
 
 void CapturePipeline::stop() {

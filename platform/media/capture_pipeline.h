@@ -40,6 +40,11 @@ class CapturePipeline {
   bool start(std::string* error);
   /// Stops and waits until no streaming thread runs; no frame callback starts afterwards.
   void stop();
+  /// Receives the first error the pipeline posts (a camera unplugged or gone wrong, also one
+  /// that makes start() fail), once, on the posting thread; never block in it. Set before
+  /// start(). Without one, the error is logged as "Capture: <camera>: <message>".
+  using ErrorCallback = std::function<void(const std::string& message)>;
+  void setErrorCallback(ErrorCallback onError);
 
   struct Core;
 
@@ -54,7 +59,9 @@ class CapturePipeline {
 /// A source bin around `producer` (filesrc, v4l2src): producer ! [capsfilter] ! decodebin, whose
 /// first raw video stream is linked to a videoconvert that the bin's "src" pad leads out of;
 /// other streams stay unlinked. `filter` (may be null) is taken. Null when elements are missing
-/// (then `producer` and `filter` are released).
+/// (then `producer` and `filter` are released). A pipeline around the bin keeps YUV sources in
+/// the range its format promises (GStreamer's converter copies YUV code values between two
+/// YUV formats of one matrix without moving them to the other range).
 GstElement* makeDecodingSourceBin(GstElement* producer, GstCaps* filter);
 
 /// The GStreamer caps string an appsink asks for to deliver `pixelFormat` at width x height;

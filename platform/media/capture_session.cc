@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <exception>
 
 #include "platform/foundation/log_format.h"
@@ -356,19 +357,30 @@ void StillImageOutput::captureStillImageAsynchronouslyFromConnection(
       std::lock_guard lock(session->mutex);
       camera = session->cameraLocked();
     }
-    session.reset();
     if (camera)
       notBefore = camera->impl()->backend->prepareStill(camera->impl()->currentControls());
     const SampleBuffer frame = router->nextFrame(std::chrono::seconds(3), notBefore);
     if (frame.isNull()) return fail("No frame arrived from the camera");
+    // A webcam that films larger pictures than the stream: one frame at its largest size, with
+    // the stream frame's time stamps; the stream frame when that fails.
+    SampleBuffer large;
+    if (auto size = camera ? camera->impl()->backend->stillSize() : std::nullopt;
+        size &&
+        size->width * size->height >
+            frame.imageBuffer().width() * static_cast<double>(frame.imageBuffer().height())) {
+      const SampleBuffer taken = session->filmStill(camera, *size, std::chrono::seconds(15));
+      if (!taken.isNull())
+        large = SampleBuffer(taken.imageBuffer(), frame.presentationTimeStamp(), frame.duration());
+    }
+    session.reset();
     uint32_t format;
     {
       std::lock_guard lock(d->mutex);
       format = d->pixelFormat;
     }
     // A camera that takes larger stills draws this frame again at its full resolution.
-    SampleBuffer source = frame;
-    if (camera) {
+    SampleBuffer source = large.isNull() ? frame : large;
+    if (camera && large.isNull()) {
       SampleBuffer full = camera->impl()->backend->fullResolutionStill(frame);
       if (!full.isNull()) source = std::move(full);
     }
@@ -589,8 +601,11 @@ Size CaptureSession::Impl::videoSize() const {
 void CaptureSession::Impl::startPipeline() {
   std::shared_ptr<CaptureDevice> camera;
   uint32_t format = kPixelFormat420f;
+  uint64_t thisRun;
   {
     std::lock_guard lock(mutex);
+    thisRun = ++run;
+    runtimeError.reset();
     camera = cameraLocked();
     for (auto& output : outputs)
       if (auto* v = dynamic_cast<VideoDataOutput*>(output.get())) format = v->pixelFormatType();
@@ -616,14 +631,95 @@ void CaptureSession::Impl::startPipeline() {
         },
         &error);
   }
-  if (p && !p->start(&error)) p.reset();
+  if (p) {
+    // Errors while starting are start()'s to report; later ones are the running camera's.
+    auto started = std::make_shared<std::atomic<bool>>(false);
+    std::weak_ptr<Impl> weakSelf = weak_from_this();
+    p->setErrorCallback([weakSelf, thisRun, camera, started](const std::string& message) {
+      if (!started->load()) return;
+      if (auto self = weakSelf.lock()) self->reportRuntimeError(thisRun, camera, message, false);
+    });
+    if (p->start(&error))
+      started->store(true);
+    else
+      p.reset();
+  }
   if (!p) {
-    logf("Capture: %s: the camera could not start: %s", camera->localizedName().c_str(),
-         error.c_str());
+    reportRuntimeError(thisRun, camera, error, true);
     return;
   }
   std::lock_guard lock(mutex);
   pipeline = std::move(p);
+}
+
+SampleBuffer CaptureSession::Impl::filmStill(const std::shared_ptr<CaptureDevice>& camera,
+                                             Size size, std::chrono::milliseconds timeout) {
+  std::lock_guard hold(runMutex);
+  std::unique_ptr<platform::CapturePipeline> stream;
+  {
+    std::lock_guard lock(mutex);
+    if (!running || !pipeline || cameraLocked() != camera) return {};
+    stream = std::move(pipeline);
+  }
+  stream->stop();  // the device films one size at a time
+  stream.reset();
+
+  struct Slot {
+    std::mutex mutex;
+    std::condition_variable arrived;
+    SampleBuffer frame;
+  };
+  auto slot = std::make_shared<Slot>();
+  std::string error;
+  const auto w = static_cast<size_t>(size.width), h = static_cast<size_t>(size.height);
+  auto source = camera->impl()->backend->makeSource(w, h, &error);
+  auto once = source ? platform::CapturePipeline::create(
+                           std::move(source), camera->localizedName(), w, h, kPixelFormatBGRA,
+                           [slot](const SampleBuffer& s) {
+                             std::lock_guard lock(slot->mutex);
+                             if (!slot->frame.isNull()) return;
+                             slot->frame = s;
+                             slot->arrived.notify_all();
+                           },
+                           &error)
+                     : nullptr;
+  SampleBuffer still;
+  if (once && once->start(&error)) {
+    std::unique_lock lock(slot->mutex);
+    slot->arrived.wait_for(lock, timeout, [&] { return !slot->frame.isNull(); });
+    still = slot->frame;
+  }
+  if (once) once->stop();
+  once.reset();
+  if (still.isNull())
+    logf("Capture: %s: no still at %.0fx%.0f: %s", camera->localizedName().c_str(), size.width,
+         size.height, error.empty() ? "no frame came" : error.c_str());
+  startPipeline();  // the stream again, as it was
+  return still;
+}
+
+void CaptureSession::Impl::reportRuntimeError(uint64_t thisRun,
+                                              const std::shared_ptr<CaptureDevice>& camera,
+                                              const std::string& message, bool atStart) {
+  CaptureRuntimeError e;
+  e.deviceUniqueID = camera->uniqueID();
+  e.deviceName = camera->localizedName();
+  e.disconnected = !camera->isConnected();
+  e.atStart = atStart;
+  e.message = message;
+  std::function<void(const CaptureRuntimeError&)> handler;
+  {
+    std::lock_guard lock(mutex);
+    if (thisRun != run || runtimeError) return;
+    runtimeError = e;
+    handler = runtimeErrorHandler;
+  }
+  if (atStart)
+    logf("Capture: %s: the camera could not start: %s", e.deviceName.c_str(), message.c_str());
+  else
+    logf("Capture: the camera %s (%s) %s: %s", e.deviceName.c_str(), e.deviceUniqueID.c_str(),
+         e.disconnected ? "was disconnected" : "failed", message.c_str());
+  if (handler) DispatchQueue::main().async([handler, e] { handler(e); });
 }
 
 void CaptureSession::Impl::stopPipeline() {
@@ -786,6 +882,17 @@ void CaptureSession::stopRunning() {
     if (!d_->running) return;
   }
   d_->stopPipeline();
+}
+
+void CaptureSession::setRuntimeErrorHandler(
+    std::function<void(const CaptureRuntimeError&)> handler) {
+  std::lock_guard lock(d_->mutex);
+  d_->runtimeErrorHandler = std::move(handler);
+}
+
+std::optional<CaptureRuntimeError> CaptureSession::runtimeError() const {
+  std::lock_guard lock(d_->mutex);
+  return d_->runtimeError;
 }
 
 bool CaptureSession::isRunning() const {

@@ -62,6 +62,10 @@ std::optional<NodeInfo> probeNode(const std::string& path) {
   return info;
 }
 
+int64_t presetArea(const Size& s) {
+  return static_cast<int64_t>(s.width) * static_cast<int64_t>(s.height);
+}
+
 class V4l2Source final : public CameraSource {
  public:
   V4l2Source(const std::string& path, size_t width, size_t height, bool sizeListed) {
@@ -102,6 +106,12 @@ class V4l2Backend final : public CameraBackend {
   std::optional<Size> sizeForPreset(std::string_view preset) const override {
     return v4l2SizeForPreset(sizes_, preset);
   }
+  std::optional<Size> stillSize() const override {
+    std::optional<Size> largest;
+    for (const Size& s : sizes_)
+      if (!largest || presetArea(s) > presetArea(*largest)) largest = s;
+    return largest;
+  }
   std::unique_ptr<CameraSource> makeSource(size_t width, size_t height,
                                            std::string* error) override {
     const bool listed =
@@ -130,6 +140,13 @@ class V4l2Backend final : public CameraBackend {
     map_.fireFlash(controls);
     return -1;
   }
+  // The same camera still answers at the node: a re-plugged camera may come back at another
+  // node, and another camera may take this one's.
+  bool isConnected() const override {
+    auto node = probeNode(path_);
+    return node && node->busInfo == busInfo_;
+  }
+  void setBusInfo(std::string busInfo) { busInfo_ = std::move(busInfo); }
   std::optional<int64_t> reportedPosition() const {
     std::lock_guard lock(mutex_);
     return map_.position();
@@ -138,13 +155,10 @@ class V4l2Backend final : public CameraBackend {
  private:
   const std::string path_;
   const std::vector<Size> sizes_;
+  std::string busInfo_;
   mutable std::mutex mutex_;
   V4l2ControlMap map_;
 };
-
-int64_t presetArea(const Size& s) {
-  return static_cast<int64_t>(s.width) * static_cast<int64_t>(s.height);
-}
 
 }  // namespace
 
@@ -196,6 +210,7 @@ std::shared_ptr<CaptureDevice> makeV4l2Camera(const std::string& path,
   if (!node) return nullptr;
   std::shared_ptr<V4l2ControlDevice> controls = openV4l2ControlDevice(path);
   auto backend = std::make_shared<V4l2Backend>(path, node->sizes, controls);
+  backend->setBusInfo(node->busInfo);
   const int64_t pos =
       position ? *position : backend->reportedPosition().value_or(AVCaptureDevicePositionFront);
   const std::string id = "v4l2:" + (node->busInfo.empty() ? path : node->busInfo + ":" + path);

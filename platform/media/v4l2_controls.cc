@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <string>
 
 #include "kwqimage/CaptureDevice.h"
 
@@ -23,13 +24,14 @@ constexpr uint32_t kMappedControls[] = {V4L2_CID_FOCUS_AUTO,         V4L2_CID_FO
 
 class IoctlControlDevice final : public V4l2ControlDevice {
  public:
-  explicit IoctlControlDevice(int fd) : fd_(fd) {}
-  ~IoctlControlDevice() override { close(fd_); }
+  explicit IoctlControlDevice(std::string path) : path_(std::move(path)) {}
 
   std::optional<V4l2Control> query(uint32_t id) const override {
+    const Node node(path_);
+    const int fd = node.fd;
     v4l2_queryctrl q{};
     q.id = id;
-    if (xioctl(fd_, VIDIOC_QUERYCTRL, &q) != 0 || (q.flags & V4L2_CTRL_FLAG_DISABLED))
+    if (xioctl(fd, VIDIOC_QUERYCTRL, &q) != 0 || (q.flags & V4L2_CTRL_FLAG_DISABLED))
       return std::nullopt;
     V4l2Control c;
     c.id = id;
@@ -43,28 +45,42 @@ class IoctlControlDevice final : public V4l2ControlDevice {
         v4l2_querymenu m{};
         m.id = id;
         m.index = static_cast<uint32_t>(i);
-        if (xioctl(fd_, VIDIOC_QUERYMENU, &m) == 0) c.menu.push_back(i);
+        if (xioctl(fd, VIDIOC_QUERYMENU, &m) == 0) c.menu.push_back(i);
       }
     }
     return c;
   }
 
   std::optional<int64_t> get(uint32_t id) const override {
+    const Node node(path_);
+    const int fd = node.fd;
     v4l2_control c{};
     c.id = id;
-    if (xioctl(fd_, VIDIOC_G_CTRL, &c) != 0) return std::nullopt;
+    if (xioctl(fd, VIDIOC_G_CTRL, &c) != 0) return std::nullopt;
     return c.value;
   }
 
   bool set(uint32_t id, int64_t value) override {
+    const Node node(path_);
+    const int fd = node.fd;
     v4l2_control c{};
     c.id = id;
     c.value = static_cast<int32_t>(value);
-    return xioctl(fd_, VIDIOC_S_CTRL, &c) == 0;
+    return xioctl(fd, VIDIOC_S_CTRL, &c) == 0;
   }
 
  private:
-  const int fd_;
+  // The node is opened for each call and closed after it, so that an idle camera is not held
+  // open: a driver re-registers an unplugged camera only once every handle on it is closed.
+  struct Node {
+    explicit Node(const std::string& path)
+        : fd(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) {}
+    ~Node() {
+      if (fd >= 0) close(fd);
+    }
+    const int fd;
+  };
+  const std::string path_;
 };
 
 }  // namespace
@@ -80,7 +96,8 @@ int xioctl(int fd, unsigned long request, void* arg) {
 std::unique_ptr<V4l2ControlDevice> openV4l2ControlDevice(const std::string& path) {
   const int fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return nullptr;
-  return std::make_unique<IoctlControlDevice>(fd);
+  close(fd);
+  return std::make_unique<IoctlControlDevice>(path);
 }
 
 V4l2ControlMap::V4l2ControlMap(std::shared_ptr<V4l2ControlDevice> device)

@@ -51,8 +51,8 @@ class V4l2ControlDevice {
 /// ioctl(2), repeated while a signal interrupts it.
 int xioctl(int fd, unsigned long request, void* arg);
 
-/// The controls of the device node at `path` (ioctls on a descriptor kept open); null when it
-/// cannot be opened.
+/// The controls of the device node at `path`, which each call opens and closes again (the
+/// camera is never held open while idle); null when it cannot be opened now.
 std::unique_ptr<V4l2ControlDevice> openV4l2ControlDevice(const std::string& path);
 
 /// Camera modes on a device's controls (the table above). Not thread-safe: the backend calls

@@ -39,6 +39,7 @@ struct Loop {
   Clock::time_point start;
   bool done = false;
   bool stalled = false;
+  std::optional<CaptureRuntimeError> cameraError;  // the camera was unplugged or failed
 };
 
 // Main thread, every 100 ms: the camera switch, the outline, progress, and whether the run is
@@ -153,6 +154,11 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
   gInterrupted = false;
   const auto previousHandler = std::signal(SIGINT, onInterrupt);
 
+  // An unplugged or failing camera ends the run at once (on the main queue, like the tick).
+  engine->session()->setRuntimeErrorHandler([&loop](const CaptureRuntimeError& e) {
+    loop.cameraError = e;
+    loop.done = true;
+  });
   engine->startVideoCapture();
   g_timeout_add(100, onTick, &loop);
   while (!loop.done) g_main_context_iteration(nullptr, TRUE);
@@ -164,6 +170,7 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
       !options.preview.empty() && savePreview(*view, viewSize, options.preview, err);
 
   engine->stopVideoCapture();
+  engine->session()->setRuntimeErrorHandler(nullptr);
   frameQueue->sync([] {});  // a frame step under way at the stop has finished
   std::signal(SIGINT, previousHandler);
   if (events.is_open()) events.close();
@@ -175,7 +182,15 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
       engine->metaOutput() ? engine->metaOutput()->statistics() : MetadataOutputStatistics{},
       metadata->frames());
   int status = 0;
-  if (loop.stalled) {
+  if (loop.cameraError) {
+    const CaptureRuntimeError& e = *loop.cameraError;
+    err << "kwq capture: the camera " << e.deviceName << " (" << e.deviceUniqueID << ") "
+        << (e.disconnected ? "was disconnected"
+            : e.atStart    ? "could not start"
+                           : "failed")
+        << ": " << e.message << '\n';
+    status = e.disconnected ? kExitCameraDisconnected : 1;
+  } else if (loop.stalled) {
     err << "kwq capture: the camera " << (s.frames ? "stopped delivering" : "delivered no")
         << " frames\n";
     status = 1;

@@ -3,12 +3,15 @@
 #include <fstream>
 #include <thread>
 
+#include <gst/gst.h>
 #include <gtest/gtest.h>
 
 #include "capture_test_support.h"
 #include "kwqimage/CaptureSession.h"
 #include "kwqimage/SyntheticCamera.h"
 #include "platform/media/capture_internal.h"
+#include "platform/media/capture_pipeline.h"
+#include "platform/media/gst_init.h"
 #include "support/main_loop.h"
 #include "support/test_support.h"
 #include "synthetic/camera.h"
@@ -423,6 +426,77 @@ TEST(CaptureSessionTest, StartStopHundredTimesWithFramesInFlight) {
   EXPECT_GT(rig.log->count, 0);
   // No run leaves its threads behind: 90 more runs add at most the pools' spares.
   EXPECT_LE(test::threadCount(), threadsWarm + 2);
+}
+
+// A video-range YUV camera (most webcams) and a full-range one (MJPEG decodes to it) give 420f
+// frames in full range and 420v frames in video range: black and white land on the ends of
+// the format's range, not on the camera's.
+namespace range {
+
+class TestSource final : public platform::CameraSource {
+ public:
+  // RGB test colours turned into YUYV of the given colorimetry (RGB to YUV conversions honour
+  // the range).
+  TestSource(const char* pattern, const char* colorimetry) {
+    const std::string description = std::string("videotestsrc is-live=true pattern=") + pattern +
+                                    " ! video/x-raw,format=RGB,width=64,height=48 ! videoconvert"
+                                    " ! video/x-raw,format=YUY2,colorimetry=" +
+                                    colorimetry;
+    GstElement* src = gst_parse_bin_from_description(description.c_str(), TRUE, nullptr);
+    bin_ = platform::makeDecodingSourceBin(src, nullptr);
+  }
+  GstElement* element() override { return bin_; }
+  bool isLive() const override { return true; }
+
+ private:
+  GstElement* bin_ = nullptr;
+};
+
+}  // namespace range
+
+TEST(CapturePipelineTest, YuvCamerasComeOutInTheRangeTheFormatPromises) {
+  ASSERT_TRUE(platform::ensureGStreamer(nullptr));
+  const struct {
+    const char* pattern;
+    const char* camera;  // colorimetry: range:matrix:transfer:primaries
+    uint32_t format;
+    int luma, chroma;
+  } cases[] = {
+      {"black", "2:4:5:4", kPixelFormat420f, 0, 128},
+      {"white", "2:4:5:4", kPixelFormat420f, 255, 128},
+      {"black", "1:4:5:4", kPixelFormat420f, 0, 128},
+      {"white", "1:4:5:4", kPixelFormat420f, 255, 128},
+      {"black", "2:4:5:4", kPixelFormat420v, 16, 128},
+      {"white", "2:4:5:4", kPixelFormat420v, 235, 128},
+      {"black", "1:4:5:4", kPixelFormat420v, 16, 128},
+      {"white", "1:4:5:4", kPixelFormat420v, 235, 128},
+      {"red", "2:4:5:4", kPixelFormat420f, 76, 255},  // Cr of pure red: the top of full range
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.pattern) + " from " + c.camera +
+                 (c.format == kPixelFormat420f ? " to 420f" : " to 420v"));
+    std::mutex mutex;
+    SampleBuffer got;
+    std::string error;
+    auto pipeline = platform::CapturePipeline::create(
+        std::make_unique<range::TestSource>(c.pattern, c.camera), "test", 64, 48, c.format,
+        [&](const SampleBuffer& s) {
+          std::lock_guard lock(mutex);
+          got = s;
+        },
+        &error);
+    ASSERT_TRUE(pipeline) << error;
+    ASSERT_TRUE(pipeline->start(&error)) << error;
+    ASSERT_TRUE(pumpMainContextUntil([&] {
+      std::lock_guard lock(mutex);
+      return !got.isNull();
+    }));
+    pipeline->stop();
+    Locked px(got.imageBuffer());
+    ASSERT_TRUE(px.ok);
+    EXPECT_NEAR(px.row(0, 20)[30], c.luma, 2);
+    EXPECT_NEAR(px.row(1, 10)[31], c.chroma, 2);  // Cr of the pair at x 30
+  }
 }
 
 }  // namespace
