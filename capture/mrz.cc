@@ -492,6 +492,14 @@ MRZParseResult parseMRZ(std::string_view input, std::optional<MRZDate> todayIn,
     if (f.kind == Kind::Sex && t != "M" && t != "F" && t != "<" && t != "X") valid = false;
   }
   for (const CheckSpec& c : layout->checks) r.checks.push_back({c.name, checkAgrees(lines, c)});
+  // The document code's first letter is fixed by the layout: P for passports (TD3), A, C or I
+  // for cards (TD1, TD2), V for visas.
+  const char kind = lines[0][0];
+  const bool kindOk = layout->format == MRZFormat::TD3 ? kind == 'P'
+                      : layout->format == MRZFormat::MRVA || layout->format == MRZFormat::MRVB
+                          ? kind == 'V'
+                          : kind == 'A' || kind == 'C' || kind == 'I';
+  if (!kindOk) valid = false;
 
   r.documentCode = withoutFillers(text(lines, field(*layout, "document_code")));
   r.issuingState = withoutFillers(text(lines, field(*layout, "issuing_state")));

@@ -61,7 +61,8 @@ struct MRZCorrection {
 /// not a valid date (an unknown day or month, "<<", is allowed on some documents).
 struct MRZRecord {
   MRZFormat format = MRZFormat::Unknown;
-  /// Every check digit agrees and every field holds only what its type allows.
+  /// Every check digit agrees, every field holds only what its type allows and the document
+  /// code begins as the layout requires (P for TD3, A, C or I for TD1 and TD2, V for visas).
   bool valid = false;
   /// The zone's lines after correction, fillers kept.
   std::vector<std::string> lines;

@@ -47,7 +47,8 @@ CaptureCommandLine::CaptureCommandLine(CLI::App& app) {
       ->check(CLI::IsMember({"pdf417", "qr", "none"}));
   c->add_option(
       "--scene", o.scene,
-      "Synthetic camera: card, turning, portrait, empty or a scene file (FILE.json; see README)");
+      "Synthetic camera: card, turning, portrait, passport, idcard, empty or a scene file "
+      "(FILE.json; see README)");
   c->add_flag("--record", o.record,
               "Record the stream with the engine's recorder (uncompressed movie, about 55 MB a "
               "second at 1280x720, unless --codec says otherwise)");
