@@ -13,7 +13,9 @@ namespace kwq::platform {
 /// (tracking starts afresh), or when a frame's time stamp goes backwards or jumps by more
 /// than a second (a new run of the session, another camera). A PDF417 text is reported from its
 /// second read: the same text read on an earlier frame within 2 s (frames without a valid time
-/// stamp are not checked). Runs on the output's worker, one frame at a time.
+/// stamp are not checked). A machine-readable zone (KWQMetadataObjectTypeMRZ) is reported when
+/// valid, else from its second identical read within 2 s. Runs on the output's worker, one frame at
+/// a time.
 MetadataOutput::Impl::Recognizer makeMetadataRecognizer();
 
 }  // namespace kwq::platform

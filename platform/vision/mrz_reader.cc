@@ -739,6 +739,67 @@ std::optional<MRZLinesRead> readMRZLines(const uint8_t* data, size_t width, size
   }
 }
 
+std::optional<LiveMRZ> readMRZ(const SampleBuffer& frame) {
+  const PixelBuffer& buffer = frame.imageBuffer();
+  const uint32_t format = buffer.pixelFormat();
+  const bool biPlanar = format == kPixelFormat420f || format == kPixelFormat420v;
+  if (!biPlanar && format != kPixelFormatBGRA) return std::nullopt;
+  const size_t width = buffer.widthOfPlane(0), height = buffer.heightOfPlane(0);
+  const size_t bytesPerRow = buffer.bytesPerRowOfPlane(0);
+  const size_t pixelBytes = biPlanar ? 1 : 4;
+  if (width < 16 || height < 16 || width > 16384 || height > 16384 ||
+      bytesPerRow / pixelBytes < width)
+    return std::nullopt;
+  if (!buffer.lockBaseAddress(kPixelBufferLockReadOnly)) return std::nullopt;
+  std::optional<MRZLinesRead> lines;
+  try {
+    if (const uint8_t* base = buffer.baseAddressOfPlane(0)) {
+      if (biPlanar) {
+        lines = readMRZLines(base, width, height, bytesPerRow);
+      } else {
+        const cv::Mat bgra(static_cast<int>(height), static_cast<int>(width), CV_8UC4,
+                           const_cast<uint8_t*>(base), bytesPerRow);
+        cv::Mat gray;
+        cv::cvtColor(bgra, gray, cv::COLOR_BGRA2GRAY);
+        lines = readMRZLines(gray.data, width, height, gray.step[0]);
+      }
+    }
+  } catch (...) {
+    lines.reset();
+  }
+  buffer.unlockBaseAddress(kPixelBufferLockReadOnly);
+  if (!lines) return std::nullopt;
+  std::string text;
+  for (const std::string& l : lines->lines) text += (text.empty() ? "" : "\n") + l;
+  const MRZParseResult parsed = parseMRZ(text, std::nullopt, lines->uncertain);
+  LiveMRZ out;
+  out.valid =
+      parsed.record && parsed.record->valid && unguardedCharactersClear(*lines, *parsed.record);
+  if (parsed.record) {
+    text.clear();
+    for (const std::string& l : parsed.record->lines) text += (text.empty() ? "" : "\n") + l;
+  }
+  auto code = std::make_shared<MetadataMachineReadableCodeObject>();
+  code->type = KWQMetadataObjectTypeMRZ;
+  code->stringValue = text;
+  const double w = static_cast<double>(width), h = static_cast<double>(height);
+  double minX = 1, minY = 1, maxX = 0, maxY = 0;
+  for (size_t i : {3, 2, 1, 0}) {
+    const Point n{std::clamp(lines->corners[i].x / w, 0.0, 1.0),
+                  std::clamp(lines->corners[i].y / h, 0.0, 1.0)};
+    code->corners.push_back(n);
+    minX = std::min(minX, n.x);
+    minY = std::min(minY, n.y);
+    maxX = std::max(maxX, n.x);
+    maxY = std::max(maxY, n.y);
+  }
+  code->bounds = Rect(minX, minY, maxX - minX, maxY - minY);
+  code->time = frame.presentationTimeStamp();
+  code->duration = frame.duration();
+  out.object = std::move(code);
+  return out;
+}
+
 }  // namespace kwq::platform
 
 namespace kwq {

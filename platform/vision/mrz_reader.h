@@ -9,12 +9,15 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "kwqimage/CaptureSession.h"
 #include "kwqimage/Geometry.h"
 #include "kwqimage/MRZ.h"
+#include "kwqimage/SampleBuffer.h"
 
 namespace kwq::platform {
 
@@ -61,6 +64,16 @@ std::optional<MRZLinesRead> readMRZLines(const uint8_t* gray, size_t width, size
 /// Only the band search of readMRZLines. Thread: any.
 std::vector<MRZBand> findMRZBands(const uint8_t* gray, size_t width, size_t height,
                                   size_t bytesPerRow);
+
+/// A zone read from a camera frame (420f/420v on its luma plane, BGRA converted): the code
+/// object of type KWQMetadataObjectTypeMRZ (text: the lines; corners normalised to the frame,
+/// bottom left, bottom right, top right, top left of the block as printed, like a code's) and
+/// whether the zone is valid (its check digits and its unguarded characters clear).
+struct LiveMRZ {
+  std::shared_ptr<MetadataMachineReadableCodeObject> object;
+  bool valid = false;
+};
+std::optional<LiveMRZ> readMRZ(const SampleBuffer& frame);
 
 /// The recogniser's templates could be made (the OCR-B font is installed). Thread: any.
 bool mrzRecogniserReady();

@@ -14,6 +14,7 @@
 #include "kwqimage/Image.h"
 #include "kwqimage/MRZ.h"
 #include "kwqimage/SyntheticScene.h"
+#include "support/code_scenes.h"
 #include "synthetic/renderer.h"
 
 namespace kwq {
@@ -185,6 +186,28 @@ TEST(MRZReader, TwoDocumentsInViewGiveOneWholeZone) {
   ASSERT_TRUE(m);
   EXPECT_TRUE(m->record.valid);
   EXPECT_EQ(m->record.surname, "LINDQVIST");
+}
+
+// Camera frames as the metadata output reads them: the zone as a code object of its own type,
+// its text the lines, its corners normalised and ordered like a code's (bottom left first).
+TEST(MRZReader, ReadsCameraFramesAsCodeObjects) {
+  const Shot s = film(sceneOf({document(true, 12, 0)}));
+  const SyntheticMRZTruth& truth = *s.truth.props.at(0).mrz;
+  cv::Mat bgra;
+  cv::cvtColor(s.gray, bgra, cv::COLOR_GRAY2BGRA);
+  for (const uint32_t format : {kPixelFormat420f, kPixelFormatBGRA}) {
+    const SampleBuffer frame(test::frameFromBgra(bgra, format, 64), {1001, 30000}, {1000, 30000});
+    const auto zone = platform::readMRZ(frame);
+    ASSERT_TRUE(zone);
+    EXPECT_TRUE(zone->valid);
+    EXPECT_EQ(zone->object->type, KWQMetadataObjectTypeMRZ);
+    EXPECT_EQ(zone->object->stringValue, truth.text);
+    ASSERT_EQ(zone->object->corners.size(), 4u);
+    const Point& bottomLeft = zone->object->corners[0];
+    EXPECT_NEAR(bottomLeft.x * kW, truth.corners[3].x, 0.5 * truth.characterHeight);
+    EXPECT_NEAR(bottomLeft.y * kH, truth.corners[3].y, 0.5 * truth.characterHeight);
+  }
+  EXPECT_FALSE(platform::readMRZ(SampleBuffer()));
 }
 
 }  // namespace
