@@ -617,8 +617,9 @@ bool viewable(const uint8_t* gray, size_t width, size_t height, size_t bytesPerR
 }
 
 // The least margin by which a character no check digit guards must win among the symbols its
-// field allows: misread characters on stills of 8 to 20 pixel capitals won by under 0.015.
-constexpr float kClearMargin = 0.015f;
+// field allows: misread characters on stills of 8 to 20 pixel capitals won by under 0.015,
+// in live frames (motion, dim light) an O read for a Q by a little more.
+constexpr float kClearMargin = 0.02f;
 // The least agreement of any character with its symbol: right characters on those stills
 // agreed by 0.7 or more, cells half under a highlight (which read as anything) by much less.
 constexpr float kLeastScore = 0.62f;
@@ -660,8 +661,10 @@ bool unguardedCharactersClear(const MRZLinesRead& read, const MRZRecord& record)
     return false;
   if (std::any_of(read.scores.begin(), read.scores.end(), [](float s) { return s < kLeastScore; }))
     return false;
+  std::vector<char> unguarded(record.lines.size() * width, 0);
   for (const Span& s : spans)
     for (int i = s.start; i < s.start + s.length; ++i) {
+      unguarded[static_cast<size_t>(s.line) * width + i] = 1;
       const int chosen =
           symbolIndex(record.lines[static_cast<size_t>(s.line)][static_cast<size_t>(i)]);
       if (chosen < 0) return false;
@@ -676,6 +679,21 @@ bool unguardedCharactersClear(const MRZLinesRead& read, const MRZRecord& record)
         if (allowed) rival = std::max(rival, all[k]);
       }
       if (all[chosen] - rival < kClearMargin) return false;
+    }
+  // Check digits cannot see a symbol put for one whose value differs by a multiple of ten
+  // (F for P, O for E, Q for G, 0 for A): such rivals must be beaten clearly everywhere.
+  for (size_t line = 0; line < record.lines.size(); ++line)
+    for (size_t i = 0; i < width; ++i) {
+      if (unguarded[line * width + i]) continue;
+      const int chosen = symbolIndex(record.lines[line][i]);
+      if (chosen < 0) return false;
+      const float* all = &read.symbolScores[(line * width + i) * kClasses];
+      const int value = chosen == kClasses - 1 ? 0 : chosen;  // '<' counts 0, like '0'
+      for (int k = 0; k < kClasses; ++k) {
+        const int v = k == kClasses - 1 ? 0 : k;
+        if (k != chosen && (v - value) % 10 == 0 && all[chosen] - all[k] < kClearMargin)
+          return false;
+      }
     }
   return true;
 }

@@ -44,7 +44,9 @@ struct MRZLinesRead {
 /// True when every character agrees well with its template and every character that no check
 /// digit guards (names, states, document code, sex,
 /// a visa's optional data) was read clearly: the symbol `record` holds there beats every
-/// other symbol its field allows by a margin. A zone read from a picture is reported valid only
+/// other symbol its field allows by a margin; and every character that a check digit guards
+/// beats by that margin the symbols the digit cannot tell from it (values a multiple of ten
+/// apart: F and P, O and E, G and Q, 0 and A). A zone read from a picture is reported valid only
 /// when this holds as well as its check digits. Thread: any.
 bool unguardedCharactersClear(const MRZLinesRead& read, const MRZRecord& record);
 
