@@ -624,6 +624,22 @@ constexpr float kClearMargin = 0.02f;
 // agreed by 0.7 or more, cells half under a highlight (which read as anything) by much less.
 constexpr float kLeastScore = 0.62f;
 
+// Symbols that differ by one small stroke (a tail, a closed bowl, a bar): in live frames one
+// was read for the other by margins up to about 0.04, so between them the margin is larger.
+constexpr float kLookAlikeMargin = 0.04f;
+
+bool lookAlike(char a, char b) {
+  static const char* const kPairs[] = {"OQ", "FP", "EF", "OD", "CG", "0O", "0D", "0Q", "1I",
+                                       "8B", "5S", "2Z", "6G", "BE", "HN", "MN", "UV", "KX"};
+  for (const char* p : kPairs)
+    if ((a == p[0] && b == p[1]) || (a == p[1] && b == p[0])) return true;
+  return false;
+}
+
+float marginFor(int chosen, int rival) {
+  return lookAlike(kSymbols[chosen], kSymbols[rival]) ? kLookAlikeMargin : kClearMargin;
+}
+
 int symbolIndex(char c) {
   const char* p = std::find(kSymbols, kSymbols + kClasses, c);
   return p == kSymbols + kClasses ? -1 : static_cast<int>(p - kSymbols);
@@ -669,16 +685,14 @@ bool unguardedCharactersClear(const MRZLinesRead& read, const MRZRecord& record)
           symbolIndex(record.lines[static_cast<size_t>(s.line)][static_cast<size_t>(i)]);
       if (chosen < 0) return false;
       const float* all = &read.symbolScores[(static_cast<size_t>(s.line) * width + i) * kClasses];
-      float rival = -2.0f;
       for (int k = 0; k < kClasses; ++k) {
         if (k == chosen) continue;
         const char c = kSymbols[k];
         const bool allowed = s.allowed == Any ||
                              (s.allowed == Letters && (c == '<' || (c >= 'A' && c <= 'Z'))) ||
                              (s.allowed == Sex && (c == 'M' || c == 'F' || c == '<' || c == 'X'));
-        if (allowed) rival = std::max(rival, all[k]);
+        if (allowed && all[chosen] - all[k] < marginFor(chosen, k)) return false;
       }
-      if (all[chosen] - rival < kClearMargin) return false;
     }
   // Check digits cannot see a symbol put for one whose value differs by a multiple of ten
   // (F for P, O for E, Q for G, 0 for A): such rivals must be beaten clearly everywhere.
@@ -691,7 +705,7 @@ bool unguardedCharactersClear(const MRZLinesRead& read, const MRZRecord& record)
       const int value = chosen == kClasses - 1 ? 0 : chosen;  // '<' counts 0, like '0'
       for (int k = 0; k < kClasses; ++k) {
         const int v = k == kClasses - 1 ? 0 : k;
-        if (k != chosen && (v - value) % 10 == 0 && all[chosen] - all[k] < kClearMargin)
+        if (k != chosen && (v - value) % 10 == 0 && all[chosen] - all[k] < marginFor(chosen, k))
           return false;
       }
     }
