@@ -14,8 +14,8 @@ namespace kwq::platform {
 /// than a second (a new run of the session, another camera). A PDF417 text is reported from its
 /// second read: the same text read on an earlier frame within 2 s (frames without a valid time
 /// stamp are not checked). A machine-readable zone (KWQMetadataObjectTypeMRZ) is reported when
-/// valid, else from its second identical read within 2 s. Runs on the output's worker, one frame at
-/// a time.
+/// read the same on an earlier frame within 2 s (never on frames without a time stamp). Runs on the
+/// output's worker, one frame at a time.
 MetadataOutput::Impl::Recognizer makeMetadataRecognizer();
 
 }  // namespace kwq::platform
