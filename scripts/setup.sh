@@ -12,6 +12,9 @@ packages=(
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly gstreamer1.0-libav gstreamer1.0-tools
   libzxing-dev nlohmann-json3-dev
+  # Machine-readable zones: the OCR-B font they are printed in (the reader's templates and the
+  # synthetic documents), and Tesseract as the peer in the read-rate bench.
+  fonts-ocr-b libtesseract-dev tesseract-ocr-eng
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   # The synthetic camera's portrait scene films skimage's astronaut photograph.
   python3-skimage

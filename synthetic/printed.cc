@@ -100,16 +100,17 @@ void drawText(cairo_t* cr, const char* text, double x, double y, double size, bo
 }
 
 // Fine wavy lines in a slightly bluer tone, as security printing has; kept off the code.
-void drawGuilloche(cairo_t* cr) {
+void drawGuilloche(cairo_t* cr, double width = kCardWidthMm, double height = kCardHeightMm,
+                   const cv::Rect2d& keepClear = kCodeBoxMm, int waves = 40) {
   cairo_save(cr);
-  cairo_rectangle(cr, 0.0, 0.0, kCardWidthMm, kCardHeightMm);
-  cairo_rectangle(cr, kCodeBoxMm.x, kCodeBoxMm.y, kCodeBoxMm.width, kCodeBoxMm.height);
+  cairo_rectangle(cr, 0.0, 0.0, width, height);
+  cairo_rectangle(cr, keepClear.x, keepClear.y, keepClear.width, keepClear.height);
   cairo_set_fill_rule(cr, CAIRO_FILL_RULE_EVEN_ODD);
   cairo_clip(cr);
   setColor(cr, kGuilloche);
   cairo_set_line_width(cr, 0.12);
-  for (int k = -4; k < 40; ++k) {
-    for (double x = -1.0; x <= kCardWidthMm + 1.0; x += 0.5) {
+  for (int k = -4; k < waves; ++k) {
+    for (double x = -1.0; x <= width + 1.0; x += 0.5) {
       const double y =
           k * 1.5 + 0.35 * x + 1.1 * std::sin(x / 5.0 + k * 0.45) + 0.5 * std::sin(x / 1.7 + k);
       if (x == -1.0)
@@ -123,10 +124,10 @@ void drawGuilloche(cairo_t* cr) {
 }
 
 // A plain head-and-shoulders portrait, drawn in an 18 x 23 box scaled into the photo area.
-void drawPortrait(cairo_t* cr) {
+void drawPortrait(cairo_t* cr, const cv::Rect2d& box = kPhotoMm) {
   cairo_save(cr);
-  cairo_translate(cr, kPhotoMm.x, kPhotoMm.y);
-  cairo_scale(cr, kPhotoMm.width / 18.0, kPhotoMm.height / 23.0);
+  cairo_translate(cr, box.x, box.y);
+  cairo_scale(cr, box.width / 18.0, box.height / 23.0);
   const cv::Rect2d p{0.0, 0.0, 18.0, 23.0};
   cairo_rectangle(cr, p.x, p.y, p.width, p.height);
   cairo_clip(cr);
@@ -268,6 +269,164 @@ constexpr double stickerQuiet(SyntheticCodeType type) {
   return type == SyntheticCodeType::QR ? 4.0 : 2.0;
 }
 
+// Machine-readable zones, as ICAO 9303 prints them: OCR-B at ten characters to the inch
+// (2.54 mm pitch), capitals about 2.4 mm high, lines 4.23 mm apart (six to the inch), the
+// last line's baseline about 4.5 mm above the page's lower edge, the zone centred across.
+constexpr double kMRZPitchMm = 2.54;
+constexpr double kMRZCapHeightMm = 2.4;
+constexpr double kMRZLineMm = 4.23;
+constexpr double kMRZBottomMm = 4.5;
+
+std::vector<std::string> mrzLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::string cur;
+  for (char c : text + "\n") {
+    if (c == '\n') {
+      if (!cur.empty()) lines.push_back(cur);
+      cur.clear();
+    } else if (c != '\r') {
+      cur += c;
+    }
+  }
+  return lines;
+}
+
+cv::Size2d documentSize(SyntheticPropKind kind) {
+  return kind == SyntheticPropKind::Passport ? cv::Size2d(kPassportWidthMm, kPassportHeightMm)
+                                             : cv::Size2d(kCardWidthMm, kCardHeightMm);
+}
+
+// The text block of the zone: from the first character cell's left edge and the first line's
+// cap top to the widest line's last cell and the last line's baseline.
+cv::Rect2d mrzBlock(SyntheticPropKind kind, const std::vector<std::string>& lines) {
+  if (lines.empty()) return {};
+  size_t longest = 0;
+  for (const std::string& l : lines) longest = std::max(longest, l.size());
+  const cv::Size2d page = documentSize(kind);
+  const double width = longest * kMRZPitchMm;
+  const double baseline = page.height - kMRZBottomMm;
+  const double top = baseline - (lines.size() - 1) * kMRZLineMm - kMRZCapHeightMm;
+  return {(page.width - width) / 2.0, top, width, baseline - top};
+}
+
+// OCR-B's em size that gives capitals kMRZCapHeightMm high, and the glyphs' baseline offset,
+// measured once from the font itself.
+struct OcrbMetrics {
+  double emMm = 3.4;
+  double baselineRatio = 0.8;  // baseline below the layout's top, in ems
+  double capRatio = 0.7;
+};
+
+const OcrbMetrics& ocrbMetrics(cairo_t* cr) {
+  static const OcrbMetrics metrics = [cr] {
+    OcrbMetrics m;
+    Layout layout(pango_cairo_create_layout(cr));
+    Font font(pango_font_description_new());
+    pango_font_description_set_family(font.get(), "OCR B");
+    pango_font_description_set_absolute_size(font.get(), 100.0 * PANGO_SCALE);
+    pango_layout_set_font_description(layout.get(), font.get());
+    pango_layout_set_text(layout.get(), "H", -1);
+    PangoRectangle ink, logical;
+    pango_layout_get_extents(layout.get(), &ink, &logical);
+    const double cap = static_cast<double>(ink.height) / PANGO_SCALE;
+    const double base = static_cast<double>(pango_layout_get_baseline(layout.get())) / PANGO_SCALE;
+    if (cap > 10.0 && base > 10.0) {
+      m.capRatio = cap / 100.0;
+      m.baselineRatio = base / 100.0;
+      m.emMm = kMRZCapHeightMm / m.capRatio;
+    }
+    return m;
+  }();
+  return metrics;
+}
+
+// Each character set in its own cell so the pitch is exact whatever the font's advance.
+void drawMRZ(cairo_t* cr, SyntheticPropKind kind, const std::vector<std::string>& lines) {
+  const cv::Rect2d block = mrzBlock(kind, lines);
+  const OcrbMetrics& m = ocrbMetrics(cr);
+  Layout layout(pango_cairo_create_layout(cr));
+  cairo_font_options_t* options = cairo_font_options_create();
+  cairo_font_options_set_antialias(options, CAIRO_ANTIALIAS_GRAY);
+  cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_NONE);
+  cairo_font_options_set_hint_metrics(options, CAIRO_HINT_METRICS_OFF);
+  PangoContext* context = pango_layout_get_context(layout.get());
+  pango_cairo_context_set_font_options(context, options);
+  cairo_font_options_destroy(options);
+  pango_context_set_round_glyph_positions(context, FALSE);
+  pango_layout_context_changed(layout.get());
+  Font font(pango_font_description_new());
+  pango_font_description_set_family(font.get(), "OCR B");
+  pango_font_description_set_absolute_size(font.get(), m.emMm * PANGO_SCALE);
+  pango_layout_set_font_description(layout.get(), font.get());
+  setColor(cr, kInk);
+  for (size_t li = 0; li < lines.size(); ++li) {
+    const double baseline = block.y + kMRZCapHeightMm + li * kMRZLineMm;
+    for (size_t i = 0; i < lines[li].size(); ++i) {
+      const char text[2] = {lines[li][i], 0};
+      pango_layout_set_text(layout.get(), text, 1);
+      PangoRectangle logical;
+      pango_layout_get_extents(layout.get(), nullptr, &logical);
+      const double advance = static_cast<double>(logical.width) / PANGO_SCALE;
+      cairo_move_to(cr, block.x + i * kMRZPitchMm + (kMRZPitchMm - advance) / 2.0,
+                    baseline - m.baselineRatio * m.emMm);
+      pango_cairo_show_layout(cr, layout.get());
+    }
+  }
+}
+
+void drawPassportPage(cairo_t* cr, const std::vector<std::string>& mrz) {
+  const cv::Rect2d zone = mrzBlock(SyntheticPropKind::Passport, mrz);
+  drawGuilloche(cr, kPassportWidthMm, kPassportHeightMm,
+                {0.0, zone.y - 2.0, kPassportWidthMm, kPassportHeightMm}, 120);
+  fillRect(cr, {4.0, 3.0, 117.0, 7.0}, kBand);
+  drawText(cr, "PASSPORT", 6.0, 3.6, 4.2, true, kNavy);
+  drawText(cr, "UTOPIA", 119.0, 4.4, 3.0, true, kNavy, true);
+  drawPortrait(cr, {6.0, 14.0, 32.0, 40.5});
+  struct Field {
+    const char* label;
+    const char* value;
+    double x, y;
+  };
+  const Field fields[] = {
+      {"TYPE", "P", 44.0, 13.0},
+      {"CODE", "UTO", 60.0, 13.0},
+      {"PASSPORT No.", "X4RT71J05", 84.0, 13.0},
+      {"SURNAME", "LINDQVIST", 44.0, 20.0},
+      {"GIVEN NAMES", "MAREN ELISE", 44.0, 27.0},
+      {"NATIONALITY", "UTOPIAN", 44.0, 34.0},
+      {"DATE OF BIRTH", "14 MAR 1987", 44.0, 41.0},
+      {"SEX", "F", 84.0, 41.0},
+      {"DATE OF EXPIRY", "30 SEP 2034", 44.0, 48.0},
+      {"AUTHORITY", "UTOPIA CITY", 84.0, 48.0},
+  };
+  for (const Field& f : fields) {
+    drawText(cr, f.label, f.x, f.y, 1.6, false, kLabel);
+    drawText(cr, f.value, f.x, f.y + 1.8, 3.0, true, kInk);
+  }
+  setColor(cr, {40, 52, 110});
+  cairo_set_line_width(cr, 0.35);
+  cairo_move_to(cr, 8.0, 62.0);
+  cairo_curve_to(cr, 12.0, 56.0, 14.0, 64.0, 19.0, 59.0);
+  cairo_curve_to(cr, 23.0, 55.0, 25.0, 62.0, 32.0, 58.5);
+  cairo_stroke(cr);
+  if (!mrz.empty()) drawMRZ(cr, SyntheticPropKind::Passport, mrz);
+}
+
+void drawCardBack(cairo_t* cr, const std::vector<std::string>& mrz) {
+  const cv::Rect2d zone = mrzBlock(SyntheticPropKind::IdCardBack, mrz);
+  drawGuilloche(cr, kCardWidthMm, kCardHeightMm, {0.0, zone.y - 1.5, kCardWidthMm, kCardHeightMm},
+                40);
+  fillRect(cr, {3.0, 3.0, 80.0, 4.0}, kBand);
+  drawText(cr, "UTOPIA  IDENTITY CARD", 4.5, 3.4, 2.4, true, kNavy);
+  drawText(cr, "ADDRESS", 4.5, 9.5, 1.2, false, kLabel);
+  drawText(cr, "12 HARBOUR LANE, UTOPIA CITY", 4.5, 10.9, 2.0, true, kInk);
+  drawText(cr, "HEIGHT", 4.5, 14.5, 1.2, false, kLabel);
+  drawText(cr, "168 cm", 4.5, 15.9, 2.0, true, kInk);
+  drawText(cr, "ISSUED", 30.0, 14.5, 1.2, false, kLabel);
+  drawText(cr, "30.06.2021", 30.0, 15.9, 2.0, true, kInk);
+  drawPortrait(cr, {68.0, 9.0, 12.0, 15.2});
+  if (!mrz.empty()) drawMRZ(cr, SyntheticPropKind::IdCardBack, mrz);
+}
 }  // namespace
 
 void addCoarserLevels(Texture& texture, int smallest) {
@@ -282,15 +441,16 @@ void addCoarserLevels(Texture& texture, int smallest) {
 
 PrintedLayout cardLayout(const std::string& codeText) {
   const auto code = encodePdf417(codeText);
-  return {{kCardWidthMm, kCardHeightMm}, code ? placeCode(*code).outline : cv::Rect2d()};
+  return {{kCardWidthMm, kCardHeightMm}, code ? placeCode(*code).outline : cv::Rect2d(), {}};
 }
 
 PrintedLayout stickerLayout(SyntheticCodeType type, const std::string& codeText) {
   const auto code = encode(type, codeText);
-  if (!code) return {{20.0, 20.0}, {}};
+  if (!code) return {{20.0, 20.0}, {}, {}};
   const double q = stickerQuiet(type);
   return {{code->width() + 2.0 * q, code->height() + 2.0 * q},
-          {q, q, static_cast<double>(code->width()), static_cast<double>(code->height())}};
+          {q, q, static_cast<double>(code->width()), static_cast<double>(code->height())},
+          {}};
 }
 
 Texture makeStickerTexture(SyntheticCodeType type, const std::string& codeText,
@@ -343,6 +503,51 @@ Texture makeCardTexture(const std::string& codeText, double pixelsPerMm) {
   }
   // Cairo draws premultiplied BGRA; every drawing is opaque over an opaque card, so the
   // texture stays plain opaque BGRA.
+  texture.levels.push_back(bgra);
+  addCoarserLevels(texture, 64);
+  return texture;
+}
+
+}  // namespace kwq::synthetic
+
+namespace kwq::synthetic {
+
+PrintedLayout documentLayout(SyntheticPropKind kind, const std::string& mrzText) {
+  PrintedLayout layout;
+  layout.units = documentSize(kind);
+  layout.mrz = mrzBlock(kind, mrzLines(mrzText));
+  return layout;
+}
+
+std::string defaultMRZText(SyntheticPropKind kind) {
+  return std::string(kind == SyntheticPropKind::Passport ? kSyntheticPassportMRZ
+                                                         : kSyntheticIdCardMRZ);
+}
+
+Texture makeDocumentTexture(SyntheticPropKind kind, const std::string& mrzText,
+                            double pixelsPerMm) {
+  const double ppm =
+      std::round(std::clamp(std::isfinite(pixelsPerMm) ? pixelsPerMm : 4.0, 4.0, 24.0));
+  const cv::Size2d size = documentSize(kind);
+  const int cols = static_cast<int>(size.width * ppm);
+  const int rows = static_cast<int>(size.height * ppm);
+  Texture texture;
+  texture.units = size;
+  cv::Mat bgra(rows, cols, CV_8UC4, cv::Scalar(kStock.b, kStock.g, kStock.r, 255));
+  {
+    Surface surface(cairo_image_surface_create_for_data(bgra.data, CAIRO_FORMAT_ARGB32, cols, rows,
+                                                        static_cast<int>(bgra.step)));
+    Cairo cr(cairo_create(surface.get()));
+    if (cairo_status(cr.get()) == CAIRO_STATUS_SUCCESS) {
+      cairo_scale(cr.get(), ppm, ppm);
+      const std::vector<std::string> lines = mrzLines(mrzText);
+      if (kind == SyntheticPropKind::Passport)
+        drawPassportPage(cr.get(), lines);
+      else
+        drawCardBack(cr.get(), lines);
+      cairo_surface_flush(surface.get());
+    }
+  }
   texture.levels.push_back(bgra);
   addCoarserLevels(texture, 64);
   return texture;

@@ -227,6 +227,8 @@ struct PropState {
   std::string name;
   PropGeometry geometry;
   cv::Rect2d code;      // printed props: the symbol's outline in prop units; empty without one
+  cv::Rect2d mrz;       // documents: the machine-readable zone's text block in millimetres
+  std::string mrzText;  // documents: the zone as printed
   bool present = true;  // false: a portrait whose photograph could not be read
   Texture texture;      // a portrait's is read up front, printed ones are drawn on first render
 };
@@ -252,11 +254,11 @@ struct SceneRenderer::Impl {
 };
 
 void SceneRenderer::Impl::setUp() {
-  int counts[3] = {0, 0, 0};
+  int counts[5] = {0, 0, 0, 0, 0};
   for (const SyntheticProp& described : scene.props) {
     PropState p;
     p.prop = described;
-    const int n = ++counts[static_cast<int>(described.kind) % 3];
+    const int n = ++counts[static_cast<int>(described.kind) % 5];
     p.name = !described.name.empty() ? described.name
              : n == 1
                  ? std::string(syntheticPropKindName(described.kind))
@@ -268,6 +270,12 @@ void SceneRenderer::Impl::setUp() {
         break;
       case SyntheticPropKind::CodeSticker:
         layout = stickerLayout(described.codeType, described.codeText);
+        break;
+      case SyntheticPropKind::Passport:
+      case SyntheticPropKind::IdCardBack:
+        p.mrzText = described.mrzText.empty() ? defaultMRZText(described.kind) : described.mrzText;
+        layout = documentLayout(described.kind, p.mrzText);
+        p.mrz = layout.mrz;
         break;
       case SyntheticPropKind::Portrait: {
         // Read here rather than on the first render: the truth depends on whether it is there.
@@ -323,6 +331,9 @@ bool SceneRenderer::Impl::preparePictures() {
       else if (p.prop.kind == SyntheticPropKind::CodeSticker)
         p.texture =
             makeStickerTexture(p.prop.codeType, p.prop.codeText, widest / p.geometry.units.width);
+      else if (p.prop.kind == SyntheticPropKind::Passport ||
+               p.prop.kind == SyntheticPropKind::IdCardBack)
+        p.texture = makeDocumentTexture(p.prop.kind, p.mrzText, widest / p.geometry.units.width);
     }
     background = scene.background == SyntheticScene::Background::Wall
                      ? makeWall(width, height, scene.seed)
@@ -376,7 +387,12 @@ SyntheticFrameTruth SceneRenderer::truth(uint64_t frameIndex) const {
   uint64_t cards = 0;
   for (const PropState& p : d.props) {
     if (!p.present) continue;
-    const uint64_t cardIndex = p.prop.kind == SyntheticPropKind::Card ? cards++ : 0;
+    // Glare falls on printed cards and documents; the count keeps a card scene's glare frames
+    // as they were before documents existed.
+    const bool glossy = p.prop.kind == SyntheticPropKind::Card ||
+                        p.prop.kind == SyntheticPropKind::Passport ||
+                        p.prop.kind == SyntheticPropKind::IdCardBack;
+    const uint64_t cardIndex = glossy ? cards++ : 0;
     const Pose pose = poseAt(p.prop, p.geometry, d.scene.seed, frameIndex, d.width, d.height);
     const PropView view = synthetic::viewOf(pose, p.geometry, d.width, d.height);
     const Quad outline = project(
@@ -419,7 +435,18 @@ SyntheticFrameTruth SceneRenderer::truth(uint64_t frameIndex) const {
         t.face = face;
       }
     }
-    if (p.prop.kind == SyntheticPropKind::Card && glareChance > 0.0) {
+    if (p.mrz.area() > 0.0) {
+      SyntheticMRZTruth mrz;
+      mrz.text = p.mrzText;
+      const Quad zone = project(view.toPicture, rectQuad(p.mrz));
+      mrz.corners = points(zone);
+      mrz.fullyVisible = inside(zone, w, h);
+      // Capitals are 2.4 mm high in a block p.mrz.height mm high.
+      const double side = (cv::norm(zone[3] - zone[0]) + cv::norm(zone[2] - zone[1])) / 2.0;
+      mrz.characterHeight = side * 2.4 / p.mrz.height;
+      t.mrz = std::move(mrz);
+    }
+    if (glossy && glareChance > 0.0) {
       const uint64_t key = mixBits(
           d.scene.seed ^ mixBits(frameIndex * 0x9E3779B97F4A7C15ull + 7 + 1000003 * cardIndex));
       if (static_cast<double>(key % 1000000) / 1000000.0 < glareChance) {

@@ -98,7 +98,7 @@ class Reader {
 const char* const kMotionKinds[] = {"handheld", "sway", "pan",   "approach",
                                     "turn",     "tilt", "shake", "leave"};
 const char* const kSides[] = {"left", "right", "up", "down"};
-const char* const kPropKinds[] = {"card", "portrait", "sticker"};
+const char* const kPropKinds[] = {"card", "portrait", "sticker", "passport", "idcard"};
 const char* const kCodeTypes[] = {"pdf417", "qr"};
 const char* const kBackgrounds[] = {"desk", "wall"};
 
@@ -127,13 +127,14 @@ SyntheticProp readProp(Reader& r, const json& o, const std::string& where) {
   SyntheticProp p;
   r.only(o, where,
          {"kind", "name", "code", "code_type", "photo", "photo_face", "photo_roll", "photo_crop",
-          "at", "size", "roll", "yaw", "pitch", "motion"});
+          "mrz", "at", "size", "roll", "yaw", "pitch", "motion"});
   if (!r.ok()) return p;
   if (!o.contains("kind")) r.fail(where + ".kind", "missing");
   p.kind = static_cast<SyntheticPropKind>(r.choice(o, "kind", where, kPropKinds, 0));
   if (p.kind == SyntheticPropKind::Portrait) p.size = 0.12;
   r.text(o, "name", where, p.name);
   r.text(o, "code", where, p.codeText);
+  r.text(o, "mrz", where, p.mrzText);
   p.codeType = static_cast<SyntheticCodeType>(r.choice(o, "code_type", where, kCodeTypes, 0));
   r.text(o, "photo", where, p.photoPath);
   r.rect(o, "photo_face", where, p.photoFace, true);
@@ -195,7 +196,22 @@ SyntheticScene SyntheticScene::turningCard(std::string codeText) {
   return scene;
 }
 
+SyntheticScene SyntheticScene::document(bool idCard) {
+  SyntheticScene scene;
+  SyntheticProp doc;
+  doc.kind = idCard ? SyntheticPropKind::IdCardBack : SyntheticPropKind::Passport;
+  doc.codeText.clear();
+  doc.motion.push_back({.kind = SyntheticMotion::Kind::Handheld});
+  scene.props.push_back(std::move(doc));
+  scene.light = {.exposureDrift = 0.1, .dimProbability = 0.1, .glareProbability = 0.1};
+  scene.blurSigma = 0.5;
+  scene.noiseSigma = 2.0;
+  return scene;
+}
+
 std::optional<SyntheticScene> SyntheticScene::preset(std::string_view name) {
+  if (name == "passport") return document(false);
+  if (name == "idcard") return document(true);
   if (name == "card") return card();
   if (name == "turning") return turningCard();
   if (name == "portrait") return portrait();
@@ -217,7 +233,9 @@ std::optional<SyntheticScene> syntheticSceneFromJson(std::string_view text, std:
     const auto preset =
         it->is_string() ? SyntheticScene::preset(it->get<std::string>()) : std::nullopt;
     if (!preset) {
-      r.fail("scene.preset", "expected \"card\", \"turning\", \"portrait\" or \"empty\"");
+      r.fail("scene.preset",
+             "expected \"card\", \"turning\", \"portrait\", \"passport\", \"idcard\" or "
+             "\"empty\"");
       return std::nullopt;
     }
     scene = *preset;

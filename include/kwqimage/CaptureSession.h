@@ -35,6 +35,10 @@ inline constexpr std::string_view AVCaptureSessionPreset640x480 = "AVCaptureSess
 inline constexpr std::string_view AVMetadataObjectTypeFace = "face";
 inline constexpr std::string_view AVMetadataObjectTypePDF417Code = "org.iso.PDF417";
 inline constexpr std::string_view AVMetadataObjectTypeQRCode = "org.iso.QRCode";
+/// The machine-readable zone of a passport, ID card or visa (ICAO 9303), this library's own
+/// type: a MetadataMachineReadableCodeObject whose text is the zone's lines separated by line
+/// feeds (parseMRZ reads it) and whose corners are the zone's text block.
+inline constexpr std::string_view KWQMetadataObjectTypeMRZ = "org.icao.9303.MRZ";
 
 /// Something found in a frame. `bounds` is in the frame's normalised coordinates (0..1, origin
 /// at the top left, y down) as delivered, or in layer points once a preview layer has

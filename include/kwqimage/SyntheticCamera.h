@@ -36,6 +36,20 @@ struct SyntheticCodeTruth {
   std::array<Point, 4> corners{};
 };
 
+/// A machine-readable zone printed on a document, as it stands in the frame.
+struct SyntheticMRZTruth {
+  /// Its lines, separated by line feeds, as printed.
+  std::string text;
+  /// Its text block, from the first line's cap height to the last line's baseline and from
+  /// the first character cell's left edge to the last one's right: top left, top right, bottom
+  /// right, bottom left as printed (upright).
+  std::array<Point, 4> corners{};
+  /// All four corners are inside the picture.
+  bool fullyVisible = false;
+  /// Mean height of a capital in pixels (the zone's height over its lines, scaled).
+  double characterHeight = 0.0;
+};
+
 /// A face in a photograph, as it stands in the frame.
 struct SyntheticFaceTruth {
   /// The face's square box with its roll undone: centred on the face, as wide as the face
@@ -69,6 +83,8 @@ struct SyntheticPropTruth {
   double rollDegrees = 0.0;
   /// The codes printed on it (a card or sticker whose text could not be encoded has none).
   std::vector<SyntheticCodeTruth> codes;
+  /// A document's machine-readable zone.
+  std::optional<SyntheticMRZTruth> mrz;
   /// A portrait's face, while some of its box is in the picture.
   std::optional<SyntheticFaceTruth> face;
   /// A specular highlight shines on it (SyntheticLight::glareProbability): its centre and the

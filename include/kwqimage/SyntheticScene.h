@@ -33,6 +33,20 @@ inline constexpr std::string_view kSyntheticCardAAMVAText =
 inline constexpr const char* kSyntheticPortraitPhotoPath =
     "/usr/lib/python3/dist-packages/skimage/data/astronaut.png";
 
+/// The machine-readable zone (TD3) of the synthetic passport's data page: Maren Elise
+/// Lindqvist of the specimen state Utopia, born 14 March 1987, passport X4RT71J05 expiring
+/// 30 September 2034, personal number ZK73109Q.
+inline constexpr std::string_view kSyntheticPassportMRZ =
+    "P<UTOLINDQVIST<<MAREN<ELISE<<<<<<<<<<<<<<<<<\n"
+    "X4RT71J053UTO8703145F3409305ZK73109Q<<<<<<78";
+
+/// The machine-readable zone (TD1) of the synthetic ID card's back: the same holder, card
+/// UC7281045 expiring 30 June 2031.
+inline constexpr std::string_view kSyntheticIdCardMRZ =
+    "I<UTOUC72810459B8S20Q<<<<<<<<<\n"
+    "8703145F3106305UTO<<<<<<<<<<<3\n"
+    "LINDQVIST<<MAREN<ELISE<<<<<<<<";
+
 /// The kinds of thing a scene can hold.
 enum class SyntheticPropKind : uint8_t {
   /// An ID-1 card (86 x 54 mm) laid out like a licence front: header band, drawn photo,
@@ -43,6 +57,11 @@ enum class SyntheticPropKind : uint8_t {
   Portrait,
   /// A plain white label carrying one code, PDF417 or QR, with its quiet zone.
   CodeSticker,
+  /// A passport's data page (ID-3, 125 x 88 mm): header, photo, printed fields and a
+  /// two-line machine-readable zone in OCR-B along its lower edge.
+  Passport,
+  /// The back of an ID-1 card (86 x 54 mm) with a three-line machine-readable zone (TD1).
+  IdCardBack,
 };
 
 /// The symbologies a prop can carry.
@@ -51,7 +70,8 @@ enum class SyntheticCodeType : uint8_t { PDF417, QR };
 /// "PDF417" or "QR": the names the metadata output uses for the same symbologies.
 KWQ_EXPORT const char* syntheticCodeTypeName(SyntheticCodeType type);
 
-/// "card", "portrait" or "sticker": a kind's name in scene files and in the frame truth.
+/// "card", "portrait", "sticker", "passport" or "idcard": a kind's name in scene files and in the
+/// frame truth.
 KWQ_EXPORT const char* syntheticPropKindName(SyntheticPropKind kind);
 
 /// One movement of a prop; a prop's motions apply in order, each to the pose the ones before
@@ -110,6 +130,10 @@ struct SyntheticProp {
   /// Card and sticker: the text of the code it carries; empty: none (a text the writer cannot
   /// encode leaves the code out as well).
   std::string codeText = std::string(kSyntheticCardAAMVAText);
+  /// Passport and ID card back: the machine-readable zone's lines, separated by line feeds;
+  /// empty: kSyntheticPassportMRZ or kSyntheticIdCardMRZ. Any characters are printed as they
+  /// are (garbage in OCR-B is a fair test).
+  std::string mrzText;
   /// Sticker: the symbology (cards always carry PDF417).
   SyntheticCodeType codeType = SyntheticCodeType::PDF417;
   /// Portrait: the photograph, and the face in it as a square box in its pixels (top-left
@@ -172,8 +196,12 @@ struct KWQ_EXPORT SyntheticScene {
   /// picture's plane every 12 s while it tilts up to about 14 degrees, drifts and trembles: a
   /// licence held at any slant.
   static SyntheticScene turningCard(std::string codeText = std::string(kSyntheticCardAAMVAText));
-  /// A preset by name: "card", "turning", "portrait" or "empty" (the desk alone); none for
-  /// other names.
+  /// A passport's data page (or with `idCard` an ID card's back) held in a hand over the desk,
+  /// on the card's handheld path, in dim light now and then, with glare on a tenth of the
+  /// frames, slight blur and sensor noise.
+  static SyntheticScene document(bool idCard = false);
+  /// A preset by name: "card", "turning", "portrait", "passport", "idcard" or "empty" (the
+  /// desk alone); none for other names.
   static std::optional<SyntheticScene> preset(std::string_view name);
 };
 

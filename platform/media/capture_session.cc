@@ -406,7 +406,7 @@ std::shared_ptr<MetadataOutput> MetadataOutput::create() {
 std::vector<std::string> MetadataOutput::availableMetadataObjectTypes() const {
   if (!attachmentOf(*d_)) return {};
   return {std::string(AVMetadataObjectTypeFace), std::string(AVMetadataObjectTypePDF417Code),
-          std::string(AVMetadataObjectTypeQRCode)};
+          std::string(AVMetadataObjectTypeQRCode), std::string(KWQMetadataObjectTypeMRZ)};
 }
 
 std::vector<std::string> MetadataOutput::metadataObjectTypes() const {

@@ -13,7 +13,9 @@ namespace kwq::platform {
 /// (tracking starts afresh), or when a frame's time stamp goes backwards or jumps by more
 /// than a second (a new run of the session, another camera). A PDF417 text is reported from its
 /// second read: the same text read on an earlier frame within 2 s (frames without a valid time
-/// stamp are not checked). Runs on the output's worker, one frame at a time.
+/// stamp are not checked). A machine-readable zone (KWQMetadataObjectTypeMRZ) is reported when
+/// read the same on an earlier frame within 2 s (never on frames without a time stamp). Runs on the
+/// output's worker, one frame at a time.
 MetadataOutput::Impl::Recognizer makeMetadataRecognizer();
 
 }  // namespace kwq::platform

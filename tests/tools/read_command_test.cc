@@ -48,7 +48,7 @@ TEST(ReadCommand, OneJsonLinePerFileWithEveryCodeAndTheTableEscapesControlCharac
       << first;
   EXPECT_NE(first.find("\"type\":\"qr\",\"text\":\"QR \\\"BESIDE\\\"\""), std::string::npos)
       << first;
-  EXPECT_EQ(second, "{\"file\":\"" + none + "\",\"codes\":[]}");
+  EXPECT_EQ(second, "{\"file\":\"" + none + "\",\"codes\":[],\"mrz\":null}");
   EXPECT_EQ(err.str(), "kwq read: " + missing + ": no such file\n");
 
   std::ostringstream table, quiet;

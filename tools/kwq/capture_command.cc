@@ -96,6 +96,7 @@ int runCapture(const CaptureOptions& options, std::ostream& out, std::ostream& e
     };
     engine->UpdateAVCaptureMetadataOutput(AVMetadataObjectTypePDF417Code, wanted("pdf417"));
     engine->UpdateAVCaptureMetadataOutput(AVMetadataObjectTypeQRCode, wanted("qr"));
+    engine->UpdateAVCaptureMetadataOutput(KWQMetadataObjectTypeMRZ, wanted("mrz"));
   }
   if (options.record) KWQCameraRollHelper::getInstance().setVideoCodec(options.codec);
   engine->setRecordCameraData(options.record);

@@ -41,13 +41,16 @@ CaptureCommandLine::CaptureCommandLine(CLI::App& app) {
   c->add_option("--mode", mode_, "card (card detection, default) or face")
       ->check(CLI::IsMember({"card", "face"}));
   c->add_option("--camera", o.camera, "A camera's unique id, a video file, or synthetic");
-  c->add_option("--codes", o.codes,
-                "Code types to read: pdf417, qr, both (pdf417,qr) or none (default: pdf417)")
+  c->add_option(
+       "--codes", o.codes,
+       "Code types to read: pdf417, qr, mrz (passport and ID card zones), both (pdf417,qr) "
+       "or none (default: pdf417)")
       ->delimiter(',')
-      ->check(CLI::IsMember({"pdf417", "qr", "none"}));
+      ->check(CLI::IsMember({"pdf417", "qr", "mrz", "none"}));
   c->add_option(
       "--scene", o.scene,
-      "Synthetic camera: card, turning, portrait, empty or a scene file (FILE.json; see README)");
+      "Synthetic camera: card, turning, portrait, passport, idcard, empty or a scene file "
+      "(FILE.json; see README)");
   c->add_flag("--record", o.record,
               "Record the stream with the engine's recorder (uncompressed movie, about 55 MB a "
               "second at 1280x720, unless --codec says otherwise)");

@@ -5,7 +5,9 @@
 
 #include <kwqimage/Detectors.h>
 #include <kwqimage/Image.h>
+#include <kwqimage/MRZ.h>
 #include "kwq/json.h"
+#include "kwq/mrz_json.h"
 #include "kwq/table.h"
 
 namespace kwq::tool {
@@ -63,11 +65,24 @@ int runRead(const std::vector<std::string>& files, bool json, std::ostream& out,
                       .set("text", c.text ? Json(*c.text) : Json())
                       .set("corners", std::move(corners)));
       }
-      Json::object().set("file", file).set("codes", std::move(list)).write(out);
+      const auto mrz = readMRZ(image);
+      Json::object()
+          .set("file", file)
+          .set("codes", std::move(list))
+          .set("mrz", mrz ? mrzJson(*mrz) : Json())
+          .write(out);
       out << '\n';
       continue;
     }
-    if (codes.empty()) table.addRow({file, "-", "(no code)", ""});
+    const auto mrz = readMRZ(image);
+    if (codes.empty() && !mrz) table.addRow({file, "-", "(no code)", ""});
+    if (mrz) {
+      std::string text, corners;
+      for (const std::string& l : mrz->record.lines) text += (text.empty() ? "" : " / ") + l;
+      for (const Point& p : mrz->corners)
+        corners += (corners.empty() ? "" : " ") + number(p.x) + "," + number(p.y);
+      table.addRow({file, mrz->record.valid ? "mrz" : "mrz (not valid)", text, corners});
+    }
     for (const DetectedCode& c : codes) {
       std::string corners;
       for (const Point& p : c.corners)

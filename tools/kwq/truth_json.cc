@@ -36,6 +36,13 @@ Json truthJson(const SyntheticFrameTruth& truth) {
                                   round2(p.face->box.size.width), round2(p.face->box.size.height)}))
               .set("roll", round2(p.face->rollDegrees))
               .set("whole", p.face->fullyVisible);
+    Json mrz;
+    if (p.mrz)
+      mrz = Json::object()
+                .set("text", p.mrz->text)
+                .set("corners", corners(p.mrz->corners))
+                .set("whole", p.mrz->fullyVisible)
+                .set("character_height", round2(p.mrz->characterHeight));
     props.push(Json::object()
                    .set("kind", syntheticPropKindName(p.kind))
                    .set("name", p.name)
@@ -45,6 +52,7 @@ Json truthJson(const SyntheticFrameTruth& truth) {
                    .set("roll", round2(p.rollDegrees))
                    .set("codes", std::move(codes))
                    .set("face", std::move(face))
+                   .set("mrz", std::move(mrz))
                    .set("glare", p.glareRadius > 0.0 ? Json::numbers({round2(p.glareCentre.x),
                                                                       round2(p.glareCentre.y),
                                                                       round2(p.glareRadius)})

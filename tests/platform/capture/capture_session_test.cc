@@ -171,7 +171,8 @@ TEST(CaptureSessionTest, ConfigurationRules) {
   EXPECT_TRUE(session->canAddOutput(StillImageOutput::create()));
   auto other = CaptureSession::create();
   EXPECT_FALSE(other->canAddOutput(video));
-  EXPECT_EQ(metadata->availableMetadataObjectTypes().size(), 3u);
+  EXPECT_EQ(metadata->availableMetadataObjectTypes().size(),
+            4u);  // faces, PDF417, QR and machine-readable zones
   metadata->setMetadataObjectTypes({"org.iso.QRCode", "bogus", "face", "face"});
   EXPECT_EQ(metadata->metadataObjectTypes(), (std::vector<std::string>{"org.iso.QRCode", "face"}));
   session->removeOutput(metadata);
