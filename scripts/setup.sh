@@ -18,6 +18,8 @@ packages=(
   qt6-base-dev xvfb
   # The kwqimage Python module and its Dask batch runner.
   python3-dev pybind11-dev python3-numpy python3-dask python3-distributed python3-pytest
+  # The API reference, and the clean root the Debian packages are tried in.
+  doxygen debootstrap dpkg-dev
 )
 
 missing=()
@@ -34,5 +36,6 @@ if ((${#missing[@]})); then
     "${missing[@]}" >/dev/null
 fi
 
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+# Our developers' and CI's build: warnings are errors (a user's own build keeps them warnings).
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKWQ_WERROR=ON "$@" >/dev/null
 cmake --build build --parallel "$(nproc)"
