@@ -5,11 +5,33 @@
 # against libkwqimage-dev, `kwq capture --frames 30` on the synthetic camera and
 # `python3 -c 'import kwqimage'`. Needs root (debootstrap, chroot) and Debian's mirror.
 #   scripts/package-test.sh [BUILD_DIR]     (default: build; the packages land in BUILD_DIR/packages)
-# KWQ_PACKAGE_ROOT=DIR keeps the clean root there (it is removed otherwise).
+#   scripts/package-test.sh --make-root DIR  only makes the clean root (CI starts this early, in
+#                                            the background: it waits on the mirror, not the CPU)
+# KWQ_PACKAGE_ROOT=DIR uses (or makes) the clean root there and keeps it; a temporary one is
+# removed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build=${1:-build}
 source=$PWD
+
+# The mirror apt is configured with here.
+mirror=$(sed -n 's/^URIs: *\([^ ]*debian\)\/*$/\1/p' /etc/apt/sources.list.d/debian.sources \
+  2>/dev/null | head -n1)
+mirror=${mirror:-$(awk '$1 == "deb" && $2 !~ /security/ {print $2; exit}' \
+  /etc/apt/sources.list 2>/dev/null)}
+mirror=${mirror:-http://deb.debian.org/debian}
+make_root() {  # make_root DIR: a minimal bookworm root, unless DIR already holds one
+  local t0=$SECONDS
+  if [ ! -x "$1/usr/bin/apt-get" ]; then
+    debootstrap --variant=minbase bookworm "$1" "$mirror" >"$1.debootstrap.log" 2>&1 ||
+      { tail -n 20 "$1.debootstrap.log"; return 1; }
+  fi
+  echo "package-test: debootstrap $((SECONDS - t0)) s"
+}
+if [ "${1:-}" = "--make-root" ]; then
+  make_root "$2"
+  exit
+fi
+build=${1:-build}
 
 # Packages install under /usr, where Debian's multiarch library folder is the library path.
 cmake -S . -B "$build" -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
@@ -22,25 +44,14 @@ for deb in "${debs[@]}"; do
   dpkg-deb -f "$deb" Package Version Depends Recommends | sed 's/^/  /'
 done
 
-# The clean root, on the mirror apt is configured with here.
-mirror=$(sed -n 's/^URIs: *\([^ ]*debian\)\/*$/\1/p' /etc/apt/sources.list.d/debian.sources \
-  2>/dev/null | head -n1)
-mirror=${mirror:-$(awk '$1 == "deb" && $2 !~ /security/ {print $2; exit}' \
-  /etc/apt/sources.list 2>/dev/null)}
-mirror=${mirror:-http://deb.debian.org/debian}
 root=${KWQ_PACKAGE_ROOT:-$(mktemp -d /tmp/kwq-package-root.XXXXXX)}
 cleanup() {
   umount "$root/proc" 2>/dev/null || true
-  [ -n "${KWQ_PACKAGE_ROOT:-}" ] || rm -rf "$root"
+  [ -n "${KWQ_PACKAGE_ROOT:-}" ] || rm -rf "$root" "$root.debootstrap.log" "$root.apt.log"
 }
 trap cleanup EXIT
 
-t0=$SECONDS
-if [ ! -x "$root/usr/bin/apt-get" ]; then
-  debootstrap --variant=minbase bookworm "$root" "$mirror" >"$root.debootstrap.log" 2>&1 ||
-    { tail -n 20 "$root.debootstrap.log"; exit 1; }
-fi
-echo "package-test: debootstrap $((SECONDS - t0)) s"
+make_root "$root"
 mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
 cp -r /etc/apt/sources.list.d "$root/etc/apt/" 2>/dev/null || true
