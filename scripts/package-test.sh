@@ -54,8 +54,10 @@ trap cleanup EXIT
 make_root "$root"
 mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
+# The same sources as here (updates and security too), so the packages' versions match.
+rm -f "$root/etc/apt/sources.list"
 cp -r /etc/apt/sources.list.d "$root/etc/apt/" 2>/dev/null || true
-[ -f /etc/apt/sources.list ] && cp /etc/apt/sources.list "$root/etc/apt/"
+if [ -f /etc/apt/sources.list ]; then cp /etc/apt/sources.list "$root/etc/apt/"; fi
 rm -f "$root"/etc/apt/sources.list.d/*disabled*
 # A dated snapshot mirror's Release files would otherwise count as expired.
 printf 'Acquire::Check-Valid-Until "false";\n' >"$root/etc/apt/apt.conf.d/99kwq-test"
@@ -67,7 +69,8 @@ t0=$SECONDS
 in_root() { chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
   DEBIAN_FRONTEND=noninteractive "$@"; }
 in_root apt-get update -qq
-in_root apt-get install -y -qq --no-install-recommends /tmp/kwq/debs/*.deb cmake g++ make \
+in_root apt-get install -y -qq --no-install-recommends \
+  $(cd "$root/tmp/kwq/debs" && printf '/tmp/kwq/debs/%s ' *.deb) cmake g++ make \
   >"$root.apt.log" 2>&1 || { tail -n 30 "$root.apt.log"; exit 1; }
 echo "package-test: apt install of the packages and a compiler $((SECONDS - t0)) s"
 
