@@ -23,6 +23,8 @@ packages=(
   python3-dev pybind11-dev python3-numpy python3-dask python3-distributed python3-pytest
   # The webcam tests: the kernel's virtual camera driver in a QEMU guest (tests/vivid).
   qemu-system-x86 linux-image-amd64 busybox-static v4l-utils
+  # The API reference, and the clean root the Debian packages are tried in.
+  doxygen debootstrap dpkg-dev
 )
 
 missing=()
@@ -39,5 +41,6 @@ if ((${#missing[@]})); then
     "${missing[@]}" >/dev/null
 fi
 
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+# Our developers' and CI's build: warnings are errors (a user's own build keeps them warnings).
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKWQ_WERROR=ON "$@" >/dev/null
 cmake --build build --parallel "$(nproc)"

@@ -1,14 +1,15 @@
 #pragma once
 
-// Reading the PDF417 text of North-American driving licences and identification cards (the
-// AAMVA DL/ID card design standard, versions 1 to 10): the file header, the subfile directory
-// and the data elements, with the common fields typed (names, dates, sex, address).
-//
-// Cards in circulation stray from the standard in a few well-known ways; the parser accepts
-// them and notes each one in `warnings`: CR/LF or CR in place of LF between elements, other
-// separator bytes in the header, "ANSI" without its space or the older "AAMVA" file type,
-// subfile offsets that miss by a few bytes, a subfile whose "DL"/"ID" designator is missing,
-// and dates in the other order (MMDDCCYY where CCYYMMDD is due, or the reverse).
+/// @file
+/// Reading the PDF417 text of North-American driving licences and identification cards (the
+/// AAMVA DL/ID card design standard, versions 1 to 10): the file header, the subfile directory
+/// and the data elements, with the common fields typed (names, dates, sex, address).
+///
+/// Cards in circulation stray from the standard in a few well-known ways; the parser accepts
+/// them and notes each one in `warnings`: CR/LF or CR in place of LF between elements, other
+/// separator bytes in the header, "ANSI" without its space or the older "AAMVA" file type,
+/// subfile offsets that miss by a few bytes, a subfile whose "DL"/"ID" designator is missing,
+/// and dates in the other order (MMDDCCYY where CCYYMMDD is due, or the reverse).
 
 #include <cstdint>
 #include <map>
@@ -26,6 +27,7 @@ struct AAMVADate {
   int32_t year = 0;   ///< four digits
   int32_t month = 0;  ///< 1..12
   int32_t day = 0;    ///< 1..31, valid for the month
+  /// Field-wise equality.
   friend bool operator==(const AAMVADate&, const AAMVADate&) = default;
 };
 
@@ -34,10 +36,13 @@ enum class AAMVASex : uint8_t { Unknown = 0, Male = 1, Female = 2, NotSpecified 
 
 /// One entry of the subfile directory: its type ("DL", "ID", "ZV", ...) and where it lies.
 struct AAMVASubfile {
+  /// The two-letter subfile type.
   std::string type;
+  ///@{
   /// Offset and length as the directory states them.
   uint32_t offset = 0;
   uint32_t length = 0;
+  ///@}
   /// Where the subfile was actually found (the byte after its designator); differs from
   /// `offset` + 2 when the directory is off.
   size_t foundAt = 0;
@@ -66,6 +71,7 @@ struct AAMVARecord {
   int32_t jurisdictionVersion = 0;
   /// Number of subfile directory entries the header declares.
   int32_t numberOfEntries = 0;
+  /// The subfile directory, in the header's order.
   std::vector<AAMVASubfile> subfiles;
 
   /// The subfile the fields come from: "DL" or "ID".
@@ -98,9 +104,13 @@ struct AAMVARecord {
 
 /// A parse's outcome: a record, or an error with a message saying what was wrong and where.
 struct AAMVAParseResult {
+  /// The record; none on error.
   std::optional<AAMVARecord> record;
+  /// What went wrong; None on success.
   AAMVAError error = AAMVAError::None;
+  /// What was wrong and where; empty on success.
   std::string message;
+  /// True when a record was read.
   bool ok() const { return record.has_value(); }
 };
 

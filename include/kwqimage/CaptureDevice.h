@@ -1,7 +1,8 @@
 #pragma once
 
-// Cameras: the devices a capture session films with, the process's device list, and the
-// cameras the library makes itself (synthetic cameras and video files played as cameras).
+/// @file
+/// Cameras: the devices a capture session films with, the process's device list, and the
+/// cameras the library makes itself (synthetic cameras and video files played as cameras).
 
 #include <cstdint>
 #include <memory>
@@ -14,37 +15,50 @@
 
 namespace kwq {
 
+///@{
 /// Media types, as the platform spells them.
 inline constexpr std::string_view AVMediaTypeVideo = "vide";
 inline constexpr std::string_view AVMediaTypeAudio = "soun";
 inline constexpr std::string_view AVMediaTypeMetadata = "meta";
+///@}
 
+///@{
 /// Camera positions.
 inline constexpr int64_t AVCaptureDevicePositionUnspecified = 0;
 inline constexpr int64_t AVCaptureDevicePositionBack = 1;
 inline constexpr int64_t AVCaptureDevicePositionFront = 2;
+///@}
 
+///@{
 /// Focus modes: locked; one auto-focus pass, after which the lens locks (the mode reads locked
 /// again once the pass is over); continuous auto-focus.
 inline constexpr int64_t AVCaptureFocusModeLocked = 0;
 inline constexpr int64_t AVCaptureFocusModeAutoFocus = 1;
 inline constexpr int64_t AVCaptureFocusModeContinuousAutoFocus = 2;
+///@}
 
+///@{
 /// Where auto-focus looks: anywhere, near subjects, far subjects.
 inline constexpr int64_t AVCaptureAutoFocusRangeRestrictionNone = 0;
 inline constexpr int64_t AVCaptureAutoFocusRangeRestrictionNear = 1;
 inline constexpr int64_t AVCaptureAutoFocusRangeRestrictionFar = 2;
+///@}
 
+///@{
 /// White-balance modes.
 inline constexpr int64_t AVCaptureWhiteBalanceModeLocked = 0;
 inline constexpr int64_t AVCaptureWhiteBalanceModeAutoWhiteBalance = 1;
 inline constexpr int64_t AVCaptureWhiteBalanceModeContinuousAutoWhiteBalance = 2;
+///@}
 
+///@{
 /// Exposure modes.
 inline constexpr int64_t AVCaptureExposureModeLocked = 0;
 inline constexpr int64_t AVCaptureExposureModeAutoExpose = 1;
 inline constexpr int64_t AVCaptureExposureModeContinuousAutoExposure = 2;
+///@}
 
+///@{
 /// Flash and torch modes.
 inline constexpr int64_t AVCaptureFlashModeOff = 0;
 inline constexpr int64_t AVCaptureFlashModeOn = 1;
@@ -52,6 +66,7 @@ inline constexpr int64_t AVCaptureFlashModeAuto = 2;
 inline constexpr int64_t AVCaptureTorchModeOff = 0;
 inline constexpr int64_t AVCaptureTorchModeOn = 1;
 inline constexpr int64_t AVCaptureTorchModeAuto = 2;
+///@}
 
 /// The highest torch level a caller may ask for (full brightness). A device may shine less
 /// than asked while its maxAvailableTorchLevel() is lower.
@@ -64,6 +79,7 @@ inline constexpr float AVCaptureMaxAvailableTorchLevel = 1.0f;
 /// auto-focus has run (and always with the range restricted to far subjects, the card being near),
 /// a torch that brightens the picture, and a flash that brightens the frame a still capture takes.
 struct SyntheticCameraOptions {
+  /// Back, front or unspecified.
   int64_t position = AVCaptureDevicePositionBack;
   /// Empty: "kwq.synthetic.back" / "kwq.synthetic.front" / "kwq.synthetic.<position>".
   std::string uniqueID;
@@ -76,10 +92,13 @@ struct SyntheticCameraOptions {
 
   /// Controls the camera offers.
   bool hasFocus = true;  ///< focus modes locked, auto and continuous
+  /// Auto-focus can be restricted to near or far subjects.
   bool hasAutoFocusRangeRestriction = true;
   bool hasWhiteBalance = true;  ///< white-balance modes locked, auto, continuous
   bool hasExposure = true;      ///< exposure modes locked, auto, continuous
+  /// A flash for stills.
   bool hasFlash = true;
+  /// A torch (a lamp that stays on while filming).
   bool hasTorch = true;
   /// The brightest the torch can shine now, 0..1 (a hot lamp is held below 1).
   float maxAvailableTorchLevel = 1.0f;
@@ -134,8 +153,11 @@ class KWQ_EXPORT CaptureDevice {
   CaptureDevice(const CaptureDevice&) = delete;
   CaptureDevice& operator=(const CaptureDevice&) = delete;
 
+  /// The id that finds the device again with deviceWithUniqueID().
   const std::string& uniqueID() const;
+  /// A name to show a person.
   const std::string& localizedName() const;
+  /// AVCaptureDevicePositionBack, Front or Unspecified.
   int64_t position() const;
   /// True for AVMediaTypeVideo.
   bool hasMediaType(std::string_view mediaType) const;
@@ -150,30 +172,46 @@ class KWQ_EXPORT CaptureDevice {
   /// Releases one lockForConfiguration() of the calling thread; ignored from other threads.
   void unlockForConfiguration();
 
+  ///@{
+  /// Focus: the modes offered, the current one, and the auto-focus range restriction.
   bool isFocusModeSupported(int64_t focusMode) const;
   int64_t focusMode() const;
   void setFocusMode(int64_t focusMode);
   bool isAutoFocusRangeRestrictionSupported() const;
   int64_t autoFocusRangeRestriction() const;
   void setAutoFocusRangeRestriction(int64_t restriction);
+  ///@}
 
+  ///@{
+  /// White balance: the modes offered and the current one.
   bool isWhiteBalanceModeSupported(int64_t mode) const;
   int64_t whiteBalanceMode() const;
   void setWhiteBalanceMode(int64_t mode);
+  ///@}
+  ///@{
+  /// Exposure: the modes offered and the current one.
   bool isExposureModeSupported(int64_t mode) const;
   int64_t exposureMode() const;
   void setExposureMode(int64_t mode);
+  ///@}
 
+  ///@{
+  /// Flash: whether there is one, the modes offered and the current one.
   bool hasFlash() const;
   bool isFlashModeSupported(int64_t mode) const;
   int64_t flashMode() const;
   void setFlashMode(int64_t mode);
+  ///@}
 
+  ///@{
+  /// Torch: whether there is one, the modes offered and the current one.
   bool hasTorch() const;
   bool isTorchModeSupported(int64_t mode) const;
   int64_t torchMode() const;
+  ///@}
   /// The current torch brightness, 0..1 (0 while off).
   float torchLevel() const;
+  /// The brightest the torch can shine now, 0..1.
   float maxAvailableTorchLevel() const;
   /// Off, on (at full level) or auto (treated as on while filming).
   void setTorchMode(int64_t mode);
@@ -182,9 +220,11 @@ class KWQ_EXPORT CaptureDevice {
   /// with a level out of range.
   bool setTorchModeOnWithLevel(float level, std::string* error = nullptr);
 
+  /// The implementation, private to the library.
   struct Impl;
   /// The implementation, for the capture layer.
   const std::shared_ptr<Impl>& impl() const { return d_; }
+  /// Wraps an implementation; for the capture layer, a host uses the factories above.
   explicit CaptureDevice(std::shared_ptr<Impl> d);
 
  private:

@@ -1,8 +1,9 @@
 #pragma once
 
-// Card outlines and codes in still images: the rectangle detector and the code reader the
-// capture engine runs on frames, for pictures a host already has (stored ID photos, scans).
-// Every function may run on any thread, also concurrently; none changes its image.
+/// @file
+/// Card outlines and codes in still images: the rectangle detector and the code reader the
+/// capture engine runs on frames, for pictures a host already has (stored ID photos, scans).
+/// Every function may run on any thread, also concurrently; none changes its image.
 
 #include <array>
 #include <optional>
@@ -36,10 +37,13 @@ struct RectangleSearch {
 /// A quadrilateral in bitmap pixels, origin at the top left, y down. The corners go round
 /// clockwise as seen, from the corner nearest the picture's top left.
 struct DetectedRectangle {
+  ///@{
+  /// The corners.
   Point topLeft;
   Point topRight;
   Point bottomRight;
   Point bottomLeft;
+  ///@}
   Rect bounds;  ///< box spanning the corners
 };
 

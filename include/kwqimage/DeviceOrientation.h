@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The device orientation the host reports.
+
 #include <cstdint>
 
 #include "kwqimage/Export.h"

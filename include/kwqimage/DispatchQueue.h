@@ -1,8 +1,9 @@
 #pragma once
 
-// Where work runs: the main queue, serial queues with a thread of their own, and a small global
-// pool. The capture engine names the queue of every callback it makes; a host that receives a
-// callback off the main queue hops to it with DispatchQueue::main().async(...).
+/// @file
+/// Where work runs: the main queue, serial queues with a thread of their own, and a small global
+/// pool. The capture engine names the queue of every callback it makes; a host that receives a
+/// callback off the main queue hops to it with DispatchQueue::main().async(...).
 
 #include <functional>
 #include <memory>
@@ -30,6 +31,7 @@ namespace kwq {
 /// be called from any thread.
 class KWQ_EXPORT DispatchQueue {
  public:
+  /// A unit of work.
   using Block = std::function<void()>;
 
   /// The main queue (GLib's default main context).
@@ -44,6 +46,7 @@ class KWQ_EXPORT DispatchQueue {
   DispatchQueue(const DispatchQueue&) = delete;
   DispatchQueue& operator=(const DispatchQueue&) = delete;
 
+  /// The name the queue was made with ("kwq.main" and "kwq.global" for those two).
   const std::string& label() const;
 
   /// Queues `block` and returns at once. From a block of the main queue, a block posted to the

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The export macro of the public API.
+
 /// Marks a symbol as part of the library's public ABI; everything else stays hidden.
 #if defined(KWQIMAGE_STATIC)
 #define KWQ_EXPORT

@@ -1,7 +1,8 @@
 #pragma once
 
-// A canvas that views draw their own content into: 32-bit premultiplied BGRA, origin at the
-// top left, y down, in points (a scale maps points to pixels).
+/// @file
+/// A canvas that views draw their own content into: 32-bit premultiplied BGRA, origin at the
+/// top left, y down, in points (a scale maps points to pixels).
 
 #include <memory>
 
@@ -24,21 +25,29 @@ class KWQ_EXPORT GraphicsContext {
   GraphicsContext(const GraphicsContext&) = delete;
   GraphicsContext& operator=(const GraphicsContext&) = delete;
 
+  /// False when the canvas could not be made (size too large, not finite) or was taken.
   bool isValid() const;
   /// The canvas in points.
   Size size() const;
 
+  ///@{
+  /// The colours of later fills and strokes.
   void setFillColor(const Color& color);
   void setStrokeColor(const Color& color);
+  ///@}
   /// Widths that are negative or not finite are ignored.
   void setLineWidth(double width);
 
+  ///@{
+  /// Fill or stroke a rectangle, or the ellipse inside one.
   void fillRect(const Rect& rect);
   void strokeRect(const Rect& rect);
   void fillEllipseInRect(const Rect& rect);
   void strokeEllipseInRect(const Rect& rect);
+  ///@}
   /// Fills with the non-zero rule; open subpaths are closed for the fill.
   void fillPath(const Path& path);
+  /// Strokes every subpath with the line width.
   void strokePath(const Path& path);
 
   /// The canvas as an image (BGRA32Premultiplied, scale `scale`); null when invalid or taken.

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Images: immutable bitmaps with a scale and an orientation.
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -24,6 +27,7 @@ enum class PixelLayout : uint8_t {
   BGRA32Premultiplied,  ///< B, G, R, A, colour premultiplied by A; device RGB, bitmap info 8194
 };
 
+///@{
 /// Bitmap-info values of the layouts above, as the platform numbers them.
 inline constexpr uint32_t kBitmapInfoNone = 0;
 inline constexpr uint32_t kBitmapInfoAlphaLast = 3;
@@ -31,6 +35,7 @@ inline constexpr uint32_t kBitmapInfoBGRAPremultiplied = 8194;  // 0x2002
 
 /// Colour-space model of a bitmap's colour space.
 enum class ColorSpaceModel : int32_t { Unknown = -1, Monochrome = 0, RGB = 1 };
+///@}
 
 /// Image orientation, numbered as the platform numbers it.
 enum class ImageOrientation : int64_t {
@@ -95,25 +100,36 @@ class KWQ_EXPORT Image {
   /// the copy. Thread: any.
   static Image fromPixelBuffer(const PixelBuffer& frame);
 
+  /// True for the null image.
   bool isNull() const { return !d_; }
+  /// True unless null.
   explicit operator bool() const { return d_ != nullptr; }
+  /// True when the image holds pixels.
   bool hasBitmap() const;
 
+  ///@{
   /// Pixel width and height of the bitmap; 0 without one.
   size_t width() const;
   size_t height() const;
+  ///@}
   /// Size in points: pixels divided by the scale, width and height swapped for the left and
   /// right orientations (mirrored or not). An image without a bitmap has the size it was made with.
   Size size() const;
+  /// Pixels per point.
   double scale() const;
+  /// How the bitmap is to be turned for display.
   ImageOrientation orientation() const;
 
+  ///@{
+  /// The bitmap's format, as the platform describes it; 0 without a bitmap.
   size_t bitsPerComponent() const;
   size_t bitsPerPixel() const;
   size_t bytesPerRow() const;
   uint32_t bitmapInfo() const;
+  ///@}
   /// The layout of the bitmap; Gray8 when there is none (check hasBitmap()).
   PixelLayout layout() const;
+  /// Monochrome or RGB, after the layout; Unknown without a bitmap.
   ColorSpaceModel colorSpaceModel() const;
 
   /// The bitmap's bytes, `bytesPerRow() * height()` of them; empty without a bitmap.

@@ -1,7 +1,8 @@
 #pragma once
 
-// The camera data recorder: camera frames into numbered QuickTime movies for diagnosis, and
-// movies and images into the user's photo library.
+/// @file
+/// The camera data recorder: camera frames into numbered QuickTime movies for diagnosis, and
+/// movies and images into the user's photo library.
 
 #include <chrono>
 #include <cstdint>
@@ -117,21 +118,29 @@ class KWQ_EXPORT KWQCameraRollHelper {
   void imageDidFinishSaving(const Image& image, const std::optional<std::string>& error,
                             const std::string& contextInfo);
 
+  ///@{
   /// The codec of the movies started from now on; Raw (uncompressed) unless set. A recording in
   /// progress keeps the codec it started with.
   void setVideoCodec(MovieCodec codec);
   MovieCodec videoCodec() const;
+  ///@}
 
+  ///@{
   /// A recording is in progress.
   bool isRecording() const;
   void setIsRecording(bool isRecording);
+  ///@}
+  ///@{
   /// Number of the next movie file; advanced after each movie is saved.
   uint32_t cameraDataCounter() const;
   void setCameraDataCounter(uint32_t cameraDataCounter);
+  ///@}
   // The movie writer and its input are platform objects without accessors here.
+  ///@{
   /// File URL of the current (or last) movie; empty before the first start.
   std::string videoFilePath() const;
   void setVideoFilePath(std::string videoFilePath);
+  ///@}
 
   /// Waits until every movie finish and photo-library save started so far has completed
   /// (completion methods run, isRecording() false after a finished movie); true when done

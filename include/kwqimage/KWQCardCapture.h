@@ -1,9 +1,10 @@
 #pragma once
 
-// The card capture: what a back office needs of a card the engine holds in card mode: the card
-// flattened to a fixed 86:54 picture, how sharp, bright and glare-free it is, the text of its
-// PDF417 code read as an AAMVA record, and one word of guidance for the person holding it.
-// A host receives it by implementing KWQCardCaptureDelegate; hosts that do not pay nothing.
+/// @file
+/// The card capture: what a back office needs of a card the engine holds in card mode: the card
+/// flattened to a fixed 86:54 picture, how sharp, bright and glare-free it is, the text of its
+/// PDF417 code read as an AAMVA record, and one word of guidance for the person holding it.
+/// A host receives it by implementing KWQCardCaptureDelegate; hosts that do not pay nothing.
 
 #include <array>
 #include <cstddef>
@@ -61,17 +62,21 @@ struct CardCaptureSettings {
 struct CardGlare {
   /// Share of the card's area at or above the glare level, 0..1.
   double areaFraction = 0.0;
+  ///@{
   /// Centre and bounding box of the highlights in the flattened card's pixels (zero without).
   Point centre;
   Rect box;
+  ///@}
 };
 
 /// One frame's card analysis, or the best one of a recent window. A plain value; copies share
 /// the card picture.
 struct CardCapture {
+  ///@{
   /// The verdict's word, and a plain sentence for each check the card failed (empty for ok).
   CardGuidance guidance = CardGuidance::NoCard;
   std::vector<std::string> reasons;
+  ///@}
   /// The flattened card (RGB from 420f/420v frames, BGRA from BGRA frames); the null image
   /// until a card is stable (no_card, move_closer and hold_still frames carry none).
   Image card;
@@ -93,6 +98,7 @@ struct CardCapture {
   /// a hotspot does not lift a dim card). Without a card: the whole picture's when it is
   /// too dark to find one (guidance too_dark), else 0.
   double brightness = 0.0;
+  /// Highlights on the card; zero without a card picture.
   CardGlare glare;
   /// The PDF417 text: the engine's latest code text, else read from the flattened card.
   std::optional<std::string> codeText;

@@ -1,6 +1,7 @@
 #pragma once
 
-// Everything a host needs: include this one header.
+/// @file
+/// Everything a host needs: include this one header.
 
 #include "kwqimage/Geometry.h"
 #include "kwqimage/Image.h"
@@ -37,3 +38,7 @@
 #include "kwqimage/Render.h"
 #include "kwqimage/Timer.h"
 #include "kwqimage/View.h"
+
+/// The library: the capture engine, its sessions and queues, the measures and conversions, the
+/// recorder and the views.
+namespace kwq {}

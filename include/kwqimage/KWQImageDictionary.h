@@ -1,6 +1,7 @@
 #pragma once
 
-// A small store of PNG files in the user's documents folder, addressed by bare names.
+/// @file
+/// A small store of PNG files in the user's documents folder, addressed by bare names.
 
 #include <string>
 

@@ -1,7 +1,8 @@
 #pragma once
 
-// Operations on images: focus, brightness and gray-scale measures (and, beside them, geometry
-// and face features). Every function may be called from any thread; none changes its image.
+/// @file
+/// Operations on images: focus, brightness and gray-scale measures (and, beside them, geometry
+/// and face features). Every function may be called from any thread; none changes its image.
 
 #include <cstdint>
 

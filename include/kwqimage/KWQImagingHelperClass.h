@@ -1,6 +1,7 @@
 #pragma once
 
-// Conversions of camera frames and caller-supplied pixel bytes to images.
+/// @file
+/// Conversions of camera frames and caller-supplied pixel bytes to images.
 
 #include <cstdint>
 

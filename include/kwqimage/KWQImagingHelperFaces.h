@@ -1,12 +1,11 @@
 #pragma once
 
-// =============================================================================================
-// Face features and annotation
-// =============================================================================================
-//
-// Finding the largest face of a still image with its eyes and mouth, and drawing on images for
-// visual checks. Every function may run on any thread, also concurrently; none changes its
-// image. Nothing here logs.
+/// @file
+/// Face features and annotation.
+///
+/// Finding the largest face of a still image with its eyes and mouth, and drawing on images for
+/// visual checks. Every function may run on any thread, also concurrently; none changes its
+/// image. Nothing here logs.
 
 #include <cstdint>
 #include <string>

@@ -1,7 +1,8 @@
 #pragma once
 
-// A view that draws a value between 0 and a maximum as a filled ring segment from the top of a
-// circle, animated towards new values from a background loop.
+/// @file
+/// A view that draws a value between 0 and a maximum as a filled ring segment from the top of a
+/// circle, animated towards new values from a background loop.
 
 #include <atomic>
 #include <cstdint>
@@ -35,21 +36,31 @@ class KWQ_EXPORT KWQProgressCircleView : public View {
   static std::shared_ptr<KWQProgressCircleView> create(Rect frame);
   ~KWQProgressCircleView() override;
 
+  ///@{
   /// Hides the view when stopAnimating() is called (false by default).
   uint8_t hideWhenAnimationStops() const { return hideWhenAnimationStops_; }
   void setHideWhenAnimationStops(uint8_t hide) { hideWhenAnimationStops_ = hide; }
+  ///@}
+  ///@{
   /// The continuous sweep mode; while on, setValue() and setMaximumValue() are ignored.
   bool continousAnimation() const { return continousAnimation_; }
   void setContinousAnimation(bool on) { continousAnimation_ = on; }
+  ///@}
+  ///@{
   /// True while an animation loop runs.
   bool animating() const { return animating_; }
   void setAnimating(bool animating) { animating_ = animating; }
+  ///@}
+  ///@{
   /// Asks the running loop to end at its next step.
   bool stopAnimationCalled() const { return stopAnimationCalled_; }
   void setStopAnimationCalled(bool stop) { stopAnimationCalled_ = stop; }
+  ///@}
+  ///@{
   /// Draws the complementary segment (the sweep's emptying half).
   bool invert() const { return invert_; }
   void setInvert(bool invert) { invert_ = invert; }
+  ///@}
 
   /// The target value.
   double value() const { return value_; }
@@ -64,30 +75,44 @@ class KWQ_EXPORT KWQProgressCircleView : public View {
   /// Ignored in continuous mode; otherwise stores `maximum` in single precision and at least
   /// 1.0, re-targeting value() (and animating) when it now exceeds the maximum.
   void setMaximumValue(double maximum);
+  ///@{
   /// The value drawn; moves towards value().
   double counterValue() const { return counterValue_; }
   void setCounterValue(double value) { counterValue_ = value; }
+  ///@}
 
+  ///@{
   /// Colour of the segment, the centre dot and the zero tick; green when none is set.
   Color trackColor();
   void setTrackColor(std::optional<Color> color);
+  ///@}
+  ///@{
   /// Colour of the circle's outline; green when none is set.
   Color borderColor();
   void setBorderColor(std::optional<Color> color);
+  ///@}
+  ///@{
   /// Fill of the circle's disk; clear when none is set.
   Color tintColor();
   void setTintColor(std::optional<Color> color);
+  ///@}
 
+  ///@{
   /// Outline width and inset of the circle; negative values store 0.
   double borderSize() const { return borderSize_; }
   void setBorderSize(double size);
+  ///@}
+  ///@{
   /// Gap between the outline and the segment's outer edge; negative values store 0.
   double borderOffsetMargin() const { return borderOffsetMargin_; }
   void setBorderOffsetMargin(double margin);
+  ///@}
+  ///@{
   /// Inner radius of the segment; negative values store 0. A draw lowers it to one point
   /// inside the outer radius when it reaches further, and the lowered value stays.
   double interierOffsetMargin() const { return interierOffsetMargin_; }
   void setInterierOffsetMargin(double margin);
+  ///@}
   /// Radius of the centre dot (none when not above 0).
   double centerSize() const { return centerSize_; }
   /// Stores the smaller of interierOffsetMargin() and `size` (negative sizes are first read as
@@ -111,6 +136,7 @@ class KWQ_EXPORT KWQProgressCircleView : public View {
   static Rect calculateDrawRectFromRect(Rect rect, double circleWidth);
 
  protected:
+  /// For create().
   explicit KWQProgressCircleView(Rect frame);
   /// The disk, its outline, the centre dot and the segment (or the zero tick). Main thread.
   void draw(Rect rect, GraphicsContext& context) override;

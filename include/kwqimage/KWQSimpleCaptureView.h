@@ -1,6 +1,7 @@
 #pragma once
 
-// A ready-made view with a live camera preview and a one-call still capture.
+/// @file
+/// A ready-made view with a live camera preview and a one-call still capture.
 
 #include <functional>
 #include <memory>
@@ -51,18 +52,26 @@ class KWQ_EXPORT KWQSimpleCaptureView : public View, public KWQStillImageDelegat
   /// (black background, the preview view's bounds), or takes the layer off and stops the
   /// engine. The value already held does nothing.
   void setVideoRunning(bool videoRunning);
+  ///@{
   /// The child view that hosts the preview; null until the first size change.
   std::shared_ptr<View> vwPreview() const { return vwPreview_; }
   void setVwPreview(std::shared_ptr<View> view) { vwPreview_ = std::move(view); }
+  ///@}
+  ///@{
   /// The capture engine; the view is its delegate.
   std::shared_ptr<KWQVideoHelper> videoHelper() const { return videoHelper_; }
   void setVideoHelper(std::shared_ptr<KWQVideoHelper> helper) { videoHelper_ = std::move(helper); }
+  ///@}
+  ///@{
   /// The repeating auto-focus timer; null when none is scheduled.
   std::shared_ptr<Timer> focusTimer() const { return focusTimer_; }
   void setFocusTimer(std::shared_ptr<Timer> timer) { focusTimer_ = std::move(timer); }
+  ///@}
+  ///@{
   /// The block of the capture in progress; empty when none is pending. Thread: any.
   CompletionBlock callbackBlock() const;
   void setCallbackBlock(CompletionBlock block);
+  ///@}
 
   /// Sets the bounds; a new size (the origin is not compared) rebuilds the preview view.
   void setBounds(Rect bounds) override;
@@ -94,6 +103,7 @@ class KWQ_EXPORT KWQSimpleCaptureView : public View, public KWQStillImageDelegat
   static bool isCameraAvailable();
 
  protected:
+  /// For create().
   explicit KWQSimpleCaptureView(Rect frame);
 
  private:

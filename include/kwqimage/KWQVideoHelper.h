@@ -1,7 +1,8 @@
 #pragma once
 
-// The capture engine: one camera session with a video-data output (frames to the delegate),
-// a still output, a metadata output (faces and codes), a preview layer and its overlays.
+/// @file
+/// The capture engine: one camera session with a video-data output (frames to the delegate),
+/// a still output, a metadata output (faces and codes), a preview layer and its overlays.
 
 #include <cstdint>
 #include <map>
@@ -84,6 +85,7 @@ class KWQ_EXPORT KWQVideoHelper : public CaptureVideoDataOutputSampleBufferDeleg
 
   /// The camera's flash mode; 0 (off) for a camera without flash.
   int64_t flashMode() const;
+  /// Sets the camera's flash mode where supported and the lock succeeds.
   void setFlashMode(int64_t flashMode);
   /// The camera's auto-focus range restriction; 0 (none) where it cannot be restricted.
   int64_t autoFocusRange() const;
@@ -96,38 +98,67 @@ class KWQ_EXPORT KWQVideoHelper : public CaptureVideoDataOutputSampleBufferDeleg
   /// Torch on at `level` when 0 < level <= AVCaptureMaxAvailableTorchLevel and the camera has
   /// a torch; other levels are ignored, never clamped.
   void enableTorchWithLevel(float level);
+  /// Torch off, where the camera has one and the lock succeeds.
   void disableTorch();
 
   // Options.
 
+  /// Whether the centre box is shown and faces are tested for being centred (off by default).
   bool showCenterBox() const;
   /// Stores the flag, detaches the centre box, and re-attaches it on top of the preview's
   /// sublayers when the flag is on. Main thread.
   void setShowCenterBox(bool showCenterBox);
+  ///@{
+  /// Whether a read code's outline is drawn (on by default).
   bool showBarcodeBoundingBox() const;
   void setShowBarcodeBoundingBox(bool show);
+  ///@}
+  ///@{
+  /// Whether the tracked face gets a box layer (on by default).
   bool showFaceBoundingBox() const;
   void setShowFaceBoundingBox(bool show);
+  ///@}
+  ///@{
+  /// Faces narrower than this (preview points, exclusive) are not centred; 0 by default.
   double minHeadSize() const;
   void setMinHeadSize(double minHeadSize);
+  ///@}
+  ///@{
+  /// Faces wider than this (preview points, exclusive) are not centred; 5000 by default.
   double maxHeadSize() const;
   void setMaxHeadSize(double maxHeadSize);
+  ///@}
   /// Stores the maximum, then the minimum; no check that min <= max.
   void setMinHeadSize(double minHeadSize, double maxHeadSize);
+  ///@{
+  /// Card mode: look for an ID card in every frame (off by default).
   bool shouldDetectCardRect() const;
   void setShouldDetectCardRect(bool detect);
+  ///@}
+  ///@{
+  /// Whether start and stop drive the recorder and frames go to it (off by default).
   bool recordCameraData() const;
   void setRecordCameraData(bool record);
+  ///@}
 
   // Metadata types: the support switches read whether metaObjects() holds their type and set
   // it through UpdateAVCaptureMetadataOutput().
 
+  ///@{
+  /// Whether faces are among the metadata types.
   bool faceFindSupport() const;
   void setFaceFindSupport(bool support);
+  ///@}
+  ///@{
+  /// Whether PDF417 codes are among the metadata types.
   bool pdf417Support() const;
   void setPdf417Support(bool support);
+  ///@}
+  ///@{
+  /// Whether QR codes are among the metadata types.
   bool qrCodeSupport() const;
   void setQrCodeSupport(bool support);
+  ///@}
   /// Adds (`enabled`) or removes a metadata type, creating the metadata output on first use.
   /// Ignored while the session runs; types the output does not offer are never added.
   void UpdateAVCaptureMetadataOutput(std::string_view metadataObjectType, bool enabled);
@@ -136,60 +167,105 @@ class KWQ_EXPORT KWQVideoHelper : public CaptureVideoDataOutputSampleBufferDeleg
 
   // Results of the face, barcode and card steps.
 
+  ///@{
+  /// Whether the tracked face's yaw was estimated.
   bool hasYawAngle() const;
   void setHasYawAngle(bool has);
+  ///@}
+  ///@{
+  /// Copied from the face's yaw flag, as the engine has always done.
   bool hasRollAngle() const;
   void setHasRollAngle(bool has);
+  ///@}
+  ///@{
+  /// The latest centring test; written only while showCenterBox() is on.
   bool isHeadCentered() const;
   void setIsHeadCentered(bool centered);
+  ///@}
+  ///@{
+  /// The tracked face's yaw, in degrees.
   double yawAngle() const;
   void setYawAngle(double angle);
+  ///@}
+  ///@{
+  /// The tracked face's roll, in degrees.
   double rollAngle() const;
   void setRollAngle(double angle);
+  ///@}
+  ///@{
+  /// The tracked face in preview points; zero when the latest callback had none.
   Rect faceRect() const;
   void setFaceRect(Rect rect);
+  ///@}
   /// The latest barcode text; none before any was read.
   std::optional<std::string> parsedData() const;
+  /// Sets parsedData().
   void setParsedData(std::optional<std::string> text);
+  ///@{
+  /// The latest code's outline in preview points; zero when none.
   Rect barcodeRect() const;
   void setBarcodeRect(Rect rect);
+  ///@}
+  ///@{
+  /// Card mode: how many frames in a row a card was accepted.
   int32_t consecutiveDetectionFrames() const;
   void setConsecutiveDetectionFrames(int32_t frames);
+  ///@}
+  ///@{
+  /// Card mode: the largest accepted distance from the ID card's aspect ratio (0 means 0.1).
   double cardDetectionThreshold() const;
   void setCardDetectionThreshold(double threshold);
+  ///@}
+  ///@{
+  /// Card mode: zero while no card is stable, a marker rectangle once one is.
   Rect cardRect() const;
   void setCardRect(Rect rect);
+  ///@}
+  ///@{
+  /// Card mode: the stable card's centre in image coordinates; zero otherwise.
   Point cardCenter() const;
   void setCardCenter(Point center);
+  ///@}
   /// Withdraws a published card: cardRect() and cardCenter() to zero. The count is kept, so
   /// the next accepted frame of an unbroken run publishes the card again at once.
   void clearCardRectData();
 
   // The delegate.
 
+  ///@{
+  /// The host's delegate, held weakly; null once the host dropped it.
   std::shared_ptr<KWQVideoHelperDelegate> delegate() const;
   void setDelegate(std::weak_ptr<KWQVideoHelperDelegate> delegate);
+  ///@}
 
   // Capture objects and layers the engine owns.
 
+  /// The engine's session.
   std::shared_ptr<CaptureSession> session() const;
   /// The camera in use; null when none was found for the position.
   std::shared_ptr<CaptureDevice> device() const;
+  /// Replaces the recorded camera; the session's input is left as it is.
   void setDevice(std::shared_ptr<CaptureDevice> device);
+  /// The frame output.
   std::shared_ptr<VideoDataOutput> videoDataOutput() const;
+  /// The still output.
   std::shared_ptr<StillImageOutput> stillImageOutput() const;
   /// Null until the first UpdateAVCaptureMetadataOutput() (the initialiser makes it).
   std::shared_ptr<MetadataOutput> metaOutput() const;
+  /// The preview layer showing the session.
   std::shared_ptr<PreviewLayer> previewLayer() const;
   /// The centre box: a shape layer, border 3.0 red; attached to the preview while
   /// showCenterBox() is on.
   std::shared_ptr<Layer> centerLayer() const;
+  /// Replaces the centre box.
   void setCenterLayer(std::shared_ptr<Layer> layer);
   /// The face box; null until a face is tracked.
   std::shared_ptr<Layer> primaryLayer() const;
+  /// Replaces the face box.
   void setPrimaryLayer(std::shared_ptr<Layer> layer);
   /// The barcode outline layer: the engine never makes one; a host assigns it.
   std::shared_ptr<ShapeLayer> barcodeLineLayer() const;
+  /// Assigns the layer code outlines are drawn into.
   void setBarcodeLineLayer(std::shared_ptr<ShapeLayer> layer);
   /// Face box layers by face id.
   std::map<int64_t, std::shared_ptr<Layer>> avfFaceLayers() const;

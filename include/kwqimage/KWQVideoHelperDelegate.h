@@ -1,7 +1,8 @@
 #pragma once
 
-// What the capture engine tells its host. Both callbacks are optional: a host implements the
-// interfaces it wants, and the engine asks (dynamic_cast) whether its delegate does.
+/// @file
+/// What the capture engine tells its host. Both callbacks are optional: a host implements the
+/// interfaces it wants, and the engine asks (dynamic_cast) whether its delegate does.
 
 #include <optional>
 #include <string>
@@ -35,6 +36,7 @@ class KWQ_EXPORT KWQFrameDelegate : public virtual KWQVideoHelperDelegate {
 /// Optional: the picture takeStillPicture() took, on "VideoDataOutputQueue".
 class KWQ_EXPORT KWQStillImageDelegate : public virtual KWQVideoHelperDelegate {
  public:
+  /// The still, upright (front stills mirrored), in BGRA.
   virtual void getNewStillImage(const Image& image) = 0;
 };
 

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The library's log and where its lines go.
+
 #include <functional>
 #include <string_view>
 

@@ -1,6 +1,7 @@
 #pragma once
 
-// Drawing a layer or view tree into an image, for a host's window or a snapshot.
+/// @file
+/// Drawing a layer or view tree into an image, for a host's window or a snapshot.
 
 #include "kwqimage/Export.h"
 #include "kwqimage/Geometry.h"

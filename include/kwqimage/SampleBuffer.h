@@ -1,7 +1,8 @@
 #pragma once
 
-// Camera samples: a pixel buffer (planes of pixel memory) with its timing. The capture layer
-// produces them, the recorder and the frame conversions consume them.
+/// @file
+/// Camera samples: a pixel buffer (planes of pixel memory) with its timing. The capture layer
+/// produces them, the recorder and the frame conversions consume them.
 
 #include <cstddef>
 #include <cstdint>
@@ -30,26 +31,37 @@ inline constexpr uint32_t kPixelFormatBGRA = fourCharCode("BGRA");  // 111197036
 
 /// A time on a media timeline: value / timescale seconds; invalid while timescale is 0.
 struct MediaTime {
+  /// The time in units of 1 / timescale seconds.
   int64_t value = 0;
+  /// Units per second; 0 (invalid) by default.
   int32_t timescale = 0;
 
+  /// The invalid time.
   static constexpr MediaTime invalid() { return {}; }
+  /// `ns` nanoseconds.
   static constexpr MediaTime fromNanoseconds(int64_t ns) { return {ns, 1000000000}; }
+  /// True with a positive timescale.
   constexpr bool isValid() const { return timescale > 0; }
   /// value / timescale; 0.0 when invalid.
   constexpr double seconds() const {
     return isValid() ? static_cast<double>(value) / timescale : 0.0;
   }
+  /// Equal value and timescale (1/2 and 2/4 differ).
   friend constexpr bool operator==(const MediaTime&, const MediaTime&) = default;
 };
 
 /// One plane of pixel memory: `height` rows of `bytesPerRow` bytes, `width` samples used in
 /// each (a Cb, Cr pair counts as one sample of the chroma plane).
 struct PixelPlane {
+  /// The plane's first byte.
   uint8_t* baseAddress = nullptr;
+  /// Bytes from one row to the next.
   size_t bytesPerRow = 0;
+  ///@{
+  /// Samples per row and rows.
   size_t width = 0;
   size_t height = 0;
+  ///@}
 };
 
 /// Lock flag: the holder only reads the pixels.
@@ -83,25 +95,32 @@ class KWQ_EXPORT PixelBuffer {
   static PixelBuffer wrap(uint32_t pixelFormat, size_t width, size_t height,
                           std::vector<PixelPlane> planes, std::function<void()> release);
 
+  /// True for the null buffer.
   bool isNull() const { return !d_; }
+  /// True unless null.
   explicit operator bool() const { return d_ != nullptr; }
 
   /// The four-character pixel format; 0 for the null buffer.
   uint32_t pixelFormat() const;
+  ///@{
   /// Width and height in pixels (those of plane 0); 0 for the null buffer.
   size_t width() const;
   size_t height() const;
+  ///@}
   /// Number of planes (1 for BGRA, 2 for 420f); 0 for the null buffer.
   size_t planeCount() const;
+  ///@{
   /// Geometry of a plane; 0 for a plane that does not exist.
   size_t bytesPerRowOfPlane(size_t plane) const;
   size_t widthOfPlane(size_t plane) const;
   size_t heightOfPlane(size_t plane) const;
+  ///@}
 
   /// Makes the pixels reachable; locks nest and must be balanced. False for the null buffer.
   bool lockBaseAddress(uint32_t flags = 0) const;
   /// Undoes one lockBaseAddress(); an unbalanced unlock is ignored.
   void unlockBaseAddress(uint32_t flags = 0) const;
+  /// True while at least one lock is held.
   bool isLocked() const;
   /// First byte of a plane while the buffer is locked; null when unlocked or no such plane.
   uint8_t* baseAddressOfPlane(size_t plane) const;
@@ -121,6 +140,7 @@ class KWQ_EXPORT SampleBuffer {
  public:
   /// The null sample (no image buffer).
   SampleBuffer() = default;
+  /// A sample of `imageBuffer` with its timing.
   explicit SampleBuffer(PixelBuffer imageBuffer,
                         MediaTime presentationTimeStamp = MediaTime::invalid(),
                         MediaTime duration = MediaTime::invalid(), bool dataReady = true)
@@ -129,10 +149,13 @@ class KWQ_EXPORT SampleBuffer {
         duration_(duration),
         dataReady_(dataReady) {}
 
+  /// True for the null sample.
   bool isNull() const { return imageBuffer_.isNull(); }
   /// The pixel buffer; the null buffer for the null sample.
   const PixelBuffer& imageBuffer() const { return imageBuffer_; }
+  /// When the frame was taken on the camera's clock; invalid when unknown.
   MediaTime presentationTimeStamp() const { return presentationTimeStamp_; }
+  /// How long the frame lasts; invalid when unknown.
   MediaTime duration() const { return duration_; }
   /// False while the producer has not finished filling the buffer.
   bool dataIsReady() const { return dataReady_; }

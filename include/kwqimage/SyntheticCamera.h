@@ -1,9 +1,10 @@
 #pragma once
 
-// The synthetic camera as a test camera: a host films with CaptureDevice::syntheticCamera()
-// like with any camera, and for every frame it delivers can ask what the picture shows (every
-// prop in view with its outline, its codes' corners and text, a portrait's face box and roll),
-// matched by the frame's time stamp.
+/// @file
+/// The synthetic camera as a test camera: a host films with CaptureDevice::syntheticCamera()
+/// like with any camera, and for every frame it delivers can ask what the picture shows (every
+/// prop in view with its outline, its codes' corners and text, a portrait's face box and roll),
+/// matched by the frame's time stamp.
 
 #include <array>
 #include <cstdint>
@@ -28,6 +29,7 @@ inline constexpr double kSyntheticDimExposure = 0.3;
 
 /// A code printed on a prop, as it stands in the frame.
 struct SyntheticCodeTruth {
+  /// Its symbology.
   SyntheticCodeType type = SyntheticCodeType::PDF417;
   /// The text it encodes.
   std::string text;
@@ -69,6 +71,7 @@ struct SyntheticFaceTruth {
 
 /// One prop in view in one frame.
 struct SyntheticPropTruth {
+  /// What the prop is.
   SyntheticPropKind kind = SyntheticPropKind::Card;
   /// The prop's name in the scene (SyntheticProp::name, or the one given it).
   std::string name;
@@ -77,21 +80,25 @@ struct SyntheticPropTruth {
   std::array<Point, 4> corners{};
   /// All four corners are inside the picture.
   bool fullyVisible = false;
+  ///@{
   /// Angle between its normal and the camera's axis (0: square-on), and its turn in the
   /// picture's plane (clockwise as seen), in degrees.
   double tiltDegrees = 0.0;
   double rollDegrees = 0.0;
+  ///@}
   /// The codes printed on it (a card or sticker whose text could not be encoded has none).
   std::vector<SyntheticCodeTruth> codes;
   /// A document's machine-readable zone.
   std::optional<SyntheticMRZTruth> mrz;
   /// A portrait's face, while some of its box is in the picture.
   std::optional<SyntheticFaceTruth> face;
+  ///@{
   /// A specular highlight shines on it (SyntheticLight::glareProbability): its centre and the
   /// radius within which it saturates the picture, in pixels.
   bool glareVisible = false;
   Point glareCentre = {0.0, 0.0};
   double glareRadius = 0.0;
+  ///@}
 };
 
 /// Ground truth of one synthetic frame, in the frame's pixel coordinates with the origin at

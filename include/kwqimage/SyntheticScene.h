@@ -1,10 +1,11 @@
 #pragma once
 
-// What a synthetic camera films, as data: a background, the light, and a list of props (ID
-// cards, photographs of people, loose code stickers), each with its content and its motion
-// over time. Scenes come from presets (SyntheticScene::card(), SyntheticScene::portrait()) or
-// from a small JSON file (syntheticSceneFromJson); the same scene always films the same
-// frames, bit for bit.
+/// @file
+/// What a synthetic camera films, as data: a background, the light, and a list of props (ID
+/// cards, photographs of people, loose code stickers), each with its content and its motion
+/// over time. Scenes come from presets (SyntheticScene::card(), SyntheticScene::portrait()) or
+/// from a small JSON file (syntheticSceneFromJson); the same scene always films the same
+/// frames, bit for bit.
 
 #include <cstdint>
 #include <optional>
@@ -78,6 +79,7 @@ KWQ_EXPORT const char* syntheticPropKindName(SyntheticPropKind kind);
 /// it left (a prop without motions holds still where it is placed). Times in seconds from
 /// frame 0; a cycle's `period` of 0 or less counts as 10 s.
 struct SyntheticMotion {
+  /// The kinds of movement.
   enum class Kind : uint8_t {
     /// A card held in a hand in front of the camera: the library's seeded 60 s path (size
     /// 37 to 65 % of the picture's width, tilting up to about 21 degrees, rolling within about
@@ -107,21 +109,33 @@ struct SyntheticMotion {
     /// back, easing over 1.5 s each way; repeats every `period` s when period is above 0.
     Leave,
   };
+  /// Which movement.
   Kind kind = Kind::Handheld;
+  /// Seconds per cycle (0 or less: 10 s, except for Turn and Leave).
   double period = 0.0;
+  ///@{
+  /// The movement's size, as each kind above reads it.
   double amount = 0.0;
   double amount2 = 0.0;
+  ///@}
   /// Pan's far end; Sway's face widths (x: smallest, y: largest; 0 keeps the defaults).
   Point to = {0.0, 0.0};
+  ///@{
+  /// Leave: when it goes and how long it stays out, in seconds.
   double start = 0.0;
   double duration = 0.0;
-  enum class Side : uint8_t { Left, Right, Up, Down } side = Side::Right;
+  ///@}
+  /// Leave: the edge it leaves past.
+  enum class Side : uint8_t { Left, Right, Up, Down };
+  /// Leave: the edge it leaves past.
+  Side side = Side::Right;
   /// Handheld and Shake: which path (0: the scene's seed).
   uint64_t seed = 0;
 };
 
 /// One thing in the scene.
 struct SyntheticProp {
+  /// What the prop is.
   SyntheticPropKind kind = SyntheticPropKind::Card;
   /// Names the prop in the frame truth; empty: "card", "portrait", "sticker" with a number
   /// from the second prop of a kind on.
@@ -136,15 +150,18 @@ struct SyntheticProp {
   std::string mrzText;
   /// Sticker: the symbology (cards always carry PDF417).
   SyntheticCodeType codeType = SyntheticCodeType::PDF417;
+  ///@{
   /// Portrait: the photograph, and the face in it as a square box in its pixels (top-left
   /// origin) with the head's own roll there (clockwise, degrees). The defaults describe
   /// kSyntheticPortraitPhotoPath; a photograph that cannot be read leaves the prop out.
   std::string photoPath = kSyntheticPortraitPhotoPath;
   Rect photoFace = {{175.0, 65.0}, {98.0, 98.0}};
   double photoRollDegrees = 2.7;
+  ///@}
   /// Portrait: the part of the photograph shown (empty: the whole photograph).
   Rect photoCrop = {{96.0, 0.0}, {256.0, 320.0}};
 
+  ///@{
   /// Where it stands when nothing moves it: its anchor (a card's or sticker's centre, a
   /// portrait's face centre) as fractions of the picture's width and height; its width (a
   /// portrait: its face's width) as a fraction of the picture's width; its turn in the plane
@@ -154,6 +171,8 @@ struct SyntheticProp {
   double rollDegrees = 0.0;
   double yawDegrees = 0.0;
   double pitchDegrees = 0.0;
+  ///@}
+  /// How it moves, applied in order.
   std::vector<SyntheticMotion> motion;
 };
 
@@ -171,15 +190,20 @@ struct SyntheticLight {
 
 /// A whole scene.
 struct KWQ_EXPORT SyntheticScene {
+  /// What is behind the props.
   enum class Background : uint8_t {
     Desk,  ///< a wooden desk under uneven light with a few things on it (nothing card-shaped)
     Wall,  ///< a plain grey wall, lit a little unevenly
   };
+  /// The backdrop.
   Background background = Background::Desk;
+  /// Drift, dim spans and glare.
   SyntheticLight light;
+  ///@{
   /// Blur of the whole picture and sensor noise (standard deviations, pixels and gray levels).
   double blurSigma = 0.0;
   double noiseSigma = 0.0;
+  ///@}
   /// Seeds the background, the noise, the light and the seeded motions.
   uint64_t seed = 1;
   /// Drawn in order, later props over earlier ones.

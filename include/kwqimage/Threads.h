@@ -1,8 +1,9 @@
 #pragma once
 
-// How widely the library spreads one image operation (face search, resampling, detection)
-// over threads. By default one call may use every core; a batch that already runs one process
-// per core asks for one thread each, so processes do not compete for the same cores.
+/// @file
+/// How widely the library spreads one image operation (face search, resampling, detection)
+/// over threads. By default one call may use every core; a batch that already runs one process
+/// per core asks for one thread each, so processes do not compete for the same cores.
 
 #include "kwqimage/Export.h"
 

@@ -1,7 +1,8 @@
 #pragma once
 
-// Timers on the main queue (GLib's default main context), after the platform's scheduled
-// timers: the simple capture view's focus timer is one.
+/// @file
+/// Timers on the main queue (GLib's default main context), after the platform's scheduled
+/// timers: the simple capture view's focus timer is one.
 
 #include <chrono>
 #include <functional>
@@ -29,6 +30,7 @@ class KWQ_EXPORT Timer {
   void invalidate();
   /// False after invalidate() and after a one-shot timer has fired.
   bool isValid() const;
+  /// The time between calls (or before the one call).
   std::chrono::milliseconds interval() const { return interval_; }
 
   struct State;

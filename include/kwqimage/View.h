@@ -1,7 +1,8 @@
 #pragma once
 
-// Views: rectangles that own a layer, nest in a tree and may draw their own content. Use a view
-// tree on the main thread (the thread that runs GLib's default main context).
+/// @file
+/// Views: rectangles that own a layer, nest in a tree and may draw their own content. Use a view
+/// tree on the main thread (the thread that runs GLib's default main context).
 
 #include <memory>
 #include <vector>
@@ -28,20 +29,27 @@ class KWQ_EXPORT View : public std::enable_shared_from_this<View> {
   View(const View&) = delete;
   View& operator=(const View&) = delete;
 
+  /// Where the view lies in its superview.
   Rect frame() const { return layer_->frame(); }
   /// Moves and sizes the view; a new size goes through setBounds() first, so a subclass sees
   /// every resize there.
   void setFrame(Rect frame);
+  /// The view's own coordinate space.
   Rect bounds() const { return layer_->bounds(); }
   /// Sets the bounds (the frame takes their size). Overridden by views that rebuild their
   /// content on a resize.
   virtual void setBounds(Rect bounds) { layer_->setBounds(bounds); }
+  ///@{
+  /// A hidden view and its subviews are not drawn.
   bool isHidden() const { return layer_->isHidden(); }
   void setHidden(bool hidden) { layer_->setHidden(hidden); }
+  ///@}
   /// The view's own layer; never null.
   const std::shared_ptr<Layer>& layer() const { return layer_; }
 
+  /// The subviews, bottom first.
   const std::vector<std::shared_ptr<View>>& subviews() const { return subviews_; }
+  /// The view this one is in; null for a root.
   std::shared_ptr<View> superview() const { return superview_.lock(); }
   /// Adds `view` on top, taking it from its old superview; null, the view itself and its
   /// ancestors are ignored.
@@ -60,6 +68,7 @@ class KWQ_EXPORT View : public std::enable_shared_from_this<View> {
   void displayIfNeeded();
 
  protected:
+  /// For create() and subclasses.
   explicit View(Rect frame);
   /// Draws the view's content into `context`, whose size is the bounds' size; `rect` is the
   /// part to draw (the whole bounds, origin zero). Runs on the main thread. Draws nothing

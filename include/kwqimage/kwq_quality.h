@@ -1,4 +1,5 @@
-/* Plain C entry points of the image-quality measures and the library's version constants. */
+/** @file
+ * Plain C entry points of the image-quality measures and the library's version constants. */
 #ifndef KWQIMAGE_KWQ_QUALITY_H
 #define KWQIMAGE_KWQ_QUALITY_H
 
@@ -10,10 +11,12 @@
 extern "C" {
 #endif
 
+/** @{ */
 /** Width, height and size in bytes of the raster the two-pi focus assessment reads. */
 #define KWQ_ASSESSMENT_RASTER_WIDTH 640
 #define KWQ_ASSESSMENT_RASTER_HEIGHT 480
 #define KWQ_ASSESSMENT_RASTER_BYTES 307200
+/** @} */
 
 /** Input of ImageAssess: only the raster pointer is read. */
 typedef struct ImageAssessSource {
@@ -46,9 +49,11 @@ KWQ_EXPORT float CalculateFocusQuality(const uint8_t* data, uint32_t width, uint
                                        int32_t bytesPerPixel, int32_t distance, int32_t step,
                                        int32_t edgePercent);
 
+/** @{ */
 /** degrees x pi / 180 and radians x 180 / pi. */
 KWQ_EXPORT double DegreesToRadians(double degrees);
 KWQ_EXPORT double RadiansToDegrees(double radians);
+/** @} */
 
 /** 1.0 */
 KWQ_EXPORT extern const double KWQImageVersionNumber;

@@ -6,6 +6,20 @@
 #include <optional>
 #include <vector>
 
+// The hot loops are compiled twice, for AVX2 and for any x86-64, and the loader picks one. Not
+// under ThreadSanitizer: it instruments the picking function, which the loader runs while it
+// relocates the program, before the sanitizer's runtime is up (the program crashes at start).
+#if defined(__SANITIZE_THREAD__)
+#define KWQ_VECTOR_CLONES
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KWQ_VECTOR_CLONES
+#endif
+#endif
+#ifndef KWQ_VECTOR_CLONES
+#define KWQ_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
+#endif
+
 namespace kwq::platform {
 namespace {
 
@@ -26,11 +40,9 @@ struct RowScratch {
 };
 
 // Terms of the chroma pairs p0 .. p0 + pairs - 1, each written for both pixels of its pair.
-__attribute__((target_clones("avx2", "default"))) void chromaTerms(const uint8_t* chroma, size_t p0,
-                                                                   size_t pairs, Coefficients k,
-                                                                   int32_t* __restrict r,
-                                                                   int32_t* __restrict g,
-                                                                   int32_t* __restrict b) {
+KWQ_VECTOR_CLONES void chromaTerms(const uint8_t* chroma, size_t p0, size_t pairs, Coefficients k,
+                                   int32_t* __restrict r, int32_t* __restrict g,
+                                   int32_t* __restrict b) {
   for (size_t i = 0; i < pairs; ++i) {
     const int32_t u = chroma[2 * (p0 + i)] - 128, v = chroma[2 * (p0 + i) + 1] - 128;
     const int32_t rr = k.rv * v, gg = k.gu * u + k.gv * v, bb = k.bu * u;
@@ -45,9 +57,9 @@ inline uint32_t clampShift(int32_t v) {
   return static_cast<uint32_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
 }
 
-__attribute__((target_clones("avx2", "default"))) void lumaPixels(
-    const uint8_t* luma, size_t n, Coefficients k, const int32_t* __restrict r,
-    const int32_t* __restrict g, const int32_t* __restrict b, uint32_t* __restrict out) {
+KWQ_VECTOR_CLONES void lumaPixels(const uint8_t* luma, size_t n, Coefficients k,
+                                  const int32_t* __restrict r, const int32_t* __restrict g,
+                                  const int32_t* __restrict b, uint32_t* __restrict out) {
   for (size_t i = 0; i < n; ++i) {
     const int32_t c = (luma[i] - k.yOffset) * k.yScale + 32768;
     out[i] =

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -97,6 +98,10 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
   std::string url;
   std::string path;
 
+  // Set once the bus handler is installed. The handler runs on GStreamer's threads, which get
+  // it through GLib's own locks; this release/acquire pair is the ordering our code states
+  // (and ThreadSanitizer, which cannot see into GLib, checks).
+  std::atomic<bool> busReady{false};
   mutable std::mutex mutex;
   std::condition_variable changed;
   MovieWriterStatus status = MovieWriterStatus::Unknown;
@@ -137,6 +142,7 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
   // a state change); they are handled here and dropped.
   static GstBusSyncReply onBusMessage(GstBus*, GstMessage* message, gpointer data) {
     auto* self = static_cast<MovieWriterCore*>(data);
+    if (!self->busReady.load(std::memory_order_acquire)) return GST_BUS_DROP;
     if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
       GError* err = nullptr;
       gchar* debug = nullptr;
@@ -235,6 +241,7 @@ struct MovieWriterCore : std::enable_shared_from_this<MovieWriterCore> {
     // Unbuffered: what qtmux has written is in the kernel, where a killed process cannot lose it.
     g_object_set(sink, "location", path.c_str(), "sync", FALSE, "async", FALSE, nullptr);
     gst_util_set_object_arg(G_OBJECT(sink), "buffer-mode", "unbuffered");
+    busReady.store(true, std::memory_order_release);
     GstBus* bus = gst_element_get_bus(pipeline);
     gst_bus_set_sync_handler(bus, &MovieWriterCore::onBusMessage, this, nullptr);
     gst_object_unref(bus);

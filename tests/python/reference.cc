@@ -48,7 +48,10 @@ std::string numbers(std::initializer_list<double> values) {
   for (const double v : values) {
     char text[32];
     std::snprintf(text, sizeof text, "%.17g", v);
-    out += (out.size() > 1 ? "," : "") + std::string(text);
+    // Appended piece by piece: GCC 12 at -O3 warns (-Wrestrict, a false positive) on
+    // `const char* + std::string&&`, which inserts at the front of the temporary.
+    if (out.size() > 1) out += ',';
+    out += text;
   }
   return out + "]";
 }

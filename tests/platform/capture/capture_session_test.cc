@@ -286,15 +286,16 @@ TEST(CaptureSessionTest, SlowRecognitionSkipsFramesWithoutHoldingUpVideo) {
   auto log = std::make_shared<ObjectLog>();
   metadata->setMetadataObjectsDelegate(
       log, std::shared_ptr<DispatchQueue>(&DispatchQueue::main(), [](DispatchQueue*) {}));
-  // Each pass takes as long as six frames of the camera.
-  std::atomic<int> passes{0};
-  platform::setMetadataRecognizer(*metadata, [&](const SampleBuffer&, const auto&) {
+  // Each pass takes as long as six frames of the camera. The count is shared with the pass:
+  // stopping the session does not wait for a pass under way, which may end after this test.
+  auto passes = std::make_shared<std::atomic<int>>(0);
+  platform::setMetadataRecognizer(*metadata, [passes](const SampleBuffer&, const auto&) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    ++passes;
+    ++*passes;
     return MetadataObjects{};
   });
   rig.session->startRunning();
-  ASSERT_TRUE(pumpMainContextUntil([&] { return passes >= 4; }));
+  ASSERT_TRUE(pumpMainContextUntil([&] { return *passes >= 4; }));
   rig.session->stopRunning();
   const MetadataOutputStatistics stats = metadata->statistics();
   // Recognition took the newest frame each time and let the others go; the video output got

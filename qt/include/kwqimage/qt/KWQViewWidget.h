@@ -1,6 +1,7 @@
 #pragma once
 
-// Shows a view tree of the library in a Qt 6 window.
+/// @file
+/// Shows a view tree of the library in a Qt 6 window.
 
 #include <QWidget>
 
@@ -13,6 +14,7 @@
 
 class QTimer;
 
+/// The Qt 6 adapter.
 namespace kwq::qt {
 
 /// A widget that shows `view` and everything below it, filling the widget.
@@ -31,6 +33,7 @@ class KWQ_EXPORT KWQViewWidget : public QWidget {
   Q_OBJECT
 
  public:
+  /// A widget showing `view` (none: black) inside `parent`.
   explicit KWQViewWidget(std::shared_ptr<View> view = nullptr, QWidget* parent = nullptr);
   ~KWQViewWidget() override;
 
@@ -41,6 +44,7 @@ class KWQ_EXPORT KWQViewWidget : public QWidget {
 
   /// How often the tree is drawn again; at least 1 ms.
   std::chrono::milliseconds refreshInterval() const;
+  /// Sets refreshInterval().
   void setRefreshInterval(std::chrono::milliseconds interval);
 
   /// The tree drawn now at the widget's size in device pixels, as the window shows it.
@@ -57,7 +61,9 @@ class KWQ_EXPORT KWQViewWidget : public QWidget {
   void painted();
 
  protected:
+  /// Draws the tree at the widget's size.
   void paintEvent(QPaintEvent* event) override;
+  /// Gives the view the widget's new size.
   void resizeEvent(QResizeEvent* event) override;
 
  private:
