@@ -326,11 +326,11 @@ class KWQ_EXPORT MetadataOutput : public CaptureOutput {
 /// What went wrong with a session's camera: it was unplugged (`disconnected`), failed while
 /// filming, or could not start (`atStart`; busy in another process, a format it refuses).
 struct CaptureRuntimeError {
-  std::string deviceUniqueID;
-  std::string deviceName;
-  bool disconnected = false;
-  bool atStart = false;
-  std::string message;  ///< the camera layer's own words
+  std::string deviceUniqueID;  ///< the camera's CaptureDevice::uniqueID()
+  std::string deviceName;      ///< the camera's localized name
+  bool disconnected = false;   ///< the camera went away (unplugged, driver gone)
+  bool atStart = false;        ///< the camera never delivered: busy, or refused the format
+  std::string message;         ///< the camera layer's own words
 };
 
 /// One camera and its outputs.

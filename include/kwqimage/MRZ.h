@@ -35,50 +35,53 @@ struct MRZDate {
   int32_t year = 0;   ///< four digits, century chosen from the date's meaning
   int32_t month = 0;  ///< 1..12
   int32_t day = 0;    ///< 1..31, valid for the month
+  /// Equal when year, month and day are.
   friend bool operator==(const MRZDate&, const MRZDate&) = default;
 };
 
 /// One check digit: which field it guards ("document_number", "birth_date", "expiry_date",
 /// "optional_data", "composite") and whether it agrees.
 struct MRZCheck {
-  std::string field;
-  bool ok = false;
+  std::string field;  ///< the guarded field's name, as above
+  bool ok = false;    ///< the digit read agrees with the field
+  /// Equal when both members are.
   friend bool operator==(const MRZCheck&, const MRZCheck&) = default;
 };
 
 /// One character changed from what was read: its place (0-based line and column), the
 /// character read, the one put in its place and the field it belongs to.
 struct MRZCorrection {
-  int32_t line = 0;
-  int32_t column = 0;
-  char from = 0;
-  char to = 0;
-  std::string field;
+  int32_t line = 0;    ///< 0-based line of the zone
+  int32_t column = 0;  ///< 0-based column in that line
+  char from = 0;       ///< the character read
+  char to = 0;         ///< the character put in its place
+  std::string field;   ///< the field it belongs to ("document_number", "issuing_state", ...)
+  /// Equal when every member is.
   friend bool operator==(const MRZCorrection&, const MRZCorrection&) = default;
 };
 
 /// A parsed zone. Text fields have their fillers removed; dates are none when the field is
 /// not a valid date (an unknown day or month, "<<", is allowed on some documents).
 struct MRZRecord {
-  MRZFormat format = MRZFormat::Unknown;
+  MRZFormat format = MRZFormat::Unknown;  ///< the layout the lines were read as
   /// Every check digit agrees, every field holds only what its type allows and the document
   /// code begins as the layout requires (P for TD3, A, C or I for TD1 and TD2, V for visas).
   bool valid = false;
   /// The zone's lines after correction, fillers kept.
   std::vector<std::string> lines;
 
-  std::string documentCode;    ///< "P", "I", "ID", "V", "AC", ...
-  std::string issuingState;    ///< three letters ("UTO"); "D" for Germany
-  std::string surname;         ///< primary identifier, words separated by spaces
-  std::string givenNames;      ///< secondary identifier, words separated by spaces
-  std::string documentNumber;  ///< with the TD1/TD2 long-number continuation joined on
-  std::string nationality;     ///< three letters
-  std::optional<MRZDate> birthDate;
-  std::string birthDateText;  ///< the six characters as read (after correction)
+  std::string documentCode;          ///< "P", "I", "ID", "V", "AC", ...
+  std::string issuingState;          ///< three letters ("UTO"); "D" for Germany
+  std::string surname;               ///< primary identifier, words separated by spaces
+  std::string givenNames;            ///< secondary identifier, words separated by spaces
+  std::string documentNumber;        ///< with the TD1/TD2 long-number continuation joined on
+  std::string nationality;           ///< three letters
+  std::optional<MRZDate> birthDate;  ///< none when the field is no valid date
+  std::string birthDateText;         ///< the six characters as read (after correction)
   /// 'M', 'F' or 'X' (unspecified, written '<' in the zone).
   char sex = 'X';
-  std::optional<MRZDate> expiryDate;
-  std::string expiryDateText;
+  std::optional<MRZDate> expiryDate;  ///< none when the field is no valid date
+  std::string expiryDateText;         ///< the six characters as read (after correction)
   /// Optional data: TD1 line 1 (after a long number), TD2/visa line 2, TD3 personal number.
   std::string optionalData;
   /// TD1 only: the optional data of line 2.
@@ -86,6 +89,7 @@ struct MRZRecord {
 
   /// Every check digit the format carries, in the order of the zone.
   std::vector<MRZCheck> checks;
+  /// Every character changed from what was read, in the order of the zone.
   std::vector<MRZCorrection> corrected;
 };
 
@@ -100,16 +104,17 @@ enum class MRZError : uint8_t {
 
 /// A parse's outcome: a record (valid or not), or an error saying why the text is no zone.
 struct MRZParseResult {
-  std::optional<MRZRecord> record;
-  MRZError error = MRZError::None;
-  std::string message;
+  std::optional<MRZRecord> record;  ///< the zone, valid or not; none on an error
+  MRZError error = MRZError::None;  ///< why there is no record
+  std::string message;              ///< the error in words, empty without one
+  /// True when a record was parsed (valid or not).
   bool ok() const { return record.has_value(); }
 };
 
 /// A character's place in the zone: 0-based line and column.
 struct MRZPlace {
-  int32_t line = 0;
-  int32_t column = 0;
+  int32_t line = 0;    ///< 0-based line
+  int32_t column = 0;  ///< 0-based column
 };
 
 /// Parses a zone given as its lines separated by line feeds (a CR before an LF, spaces and
@@ -135,7 +140,7 @@ KWQ_EXPORT const char* mrzFormatName(MRZFormat format);
 
 /// A zone read from an image: the record and where the zone lies.
 struct MRZReading {
-  MRZRecord record;
+  MRZRecord record;  ///< the parsed zone; `valid` says whether it can be trusted
   /// The zone's four corners in image pixels, clockwise from the top left of its text as read
   /// (so they turn with the document).
   Point corners[4];
